@@ -1,0 +1,32 @@
+// The start-up check's frame: the checks, their outermost handlers and the
+// exit status.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "hardware/leds.h"
+
+// Exit statuses of the check.
+enum CheckStatus : int {
+    CHECK_PASSED = 0,
+    CHECK_HARDWARE_FAILURE = 1,
+    CHECK_UNEXPECTED_FAILURE = 2,
+};
+
+// Fails with HardwareFailure (pattern 2) unless MemTotal in meminfo_path is
+// at least 204800 KB. A file that cannot be read throws ErrnoException.
+void CheckMemory(const std::string& meminfo_path = "/proc/meminfo");
+
+// Shows a failure's LED pattern. It may never return (the pattern can end in
+// a deliberate crash); it may also throw when the pattern cannot be shown.
+using FailureDisplay = std::function<void(ErrorLedPattern)>;
+
+// Runs steps inside the outermost handlers: a HardwareFailure gives status 1
+// and its own pattern, any other exception status 2 and pattern 2. Each
+// handler prints "ERROR: ...\n", then shows the pattern; a display that
+// cannot be shown is reported and the status returned all the same.
+int RunChecks(const std::function<void()>& steps, const FailureDisplay& display);
+
+// The display of the real player: the error LED blink code.
+void ShowFailurePattern(ErrorLedPattern pattern);

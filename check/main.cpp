@@ -1,0 +1,13 @@
+// vx-hwcheck: the player's start-up hardware check. Run once per boot, as
+// root and without arguments; the exit status tells the boot scripts
+// whether the player may go on.
+#include "check/driver.h"
+
+int main()
+{
+    return RunChecks(
+        [] {
+            CheckMemory();
+        },
+        ShowFailurePattern);
+}

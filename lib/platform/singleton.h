@@ -1,0 +1,72 @@
+// One registered instance per class.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "platform/assert.h"
+
+namespace corvid {
+
+namespace detail {
+// The name of T as the compiler spells it in function signatures.
+template <typename T>
+constexpr std::string_view TypeName()
+{
+    constexpr std::string_view pretty = __PRETTY_FUNCTION__;
+    constexpr std::string_view marker = "[with T = ";
+    constexpr auto begin = pretty.find(marker) + marker.size();
+    constexpr auto end = pretty.find_first_of(";]", begin);
+    return pretty.substr(begin, end - begin);
+}
+
+std::string SingletonSignature(std::string_view prefix, std::string_view type_name);
+[[noreturn]] void SingletonInvalidPointer(const void* pointer, std::string_view type_name) noexcept;
+} // namespace detail
+
+// Base class that gives T one process-wide instance. The owner constructs
+// the instance explicitly; GetInstance() before that, a second instance, or
+// destroying an instance that is not the registered one are fatal.
+template <typename T>
+class Singleton {
+public:
+    Singleton()
+    {
+        if (sm_instance != nullptr) {
+            const std::string function = detail::SingletonSignature(
+                "corvid::Singleton<T>::Singleton()", detail::TypeName<T>());
+            AssertionFailed("lib/platform/singleton", 51, function.c_str(),
+                            "sm_instance == __null");
+        }
+        sm_instance = static_cast<T*>(this);
+    }
+
+    ~Singleton()
+    {
+        if (sm_instance != static_cast<T*>(this)) {
+            const std::string function = detail::SingletonSignature(
+                "corvid::Singleton<T>::~Singleton()", detail::TypeName<T>());
+            AssertionFailed("lib/platform/singleton", 58, function.c_str(),
+                            "sm_instance == this");
+        }
+        sm_instance = nullptr;
+    }
+
+    Singleton(const Singleton&) = delete;
+    Singleton& operator=(const Singleton&) = delete;
+
+    static T* GetInstance()
+    {
+        T* p = sm_instance;
+        const auto address = reinterpret_cast<std::uintptr_t>(p);
+        if (address <= 4095 || address % 8 != 0)
+            detail::SingletonInvalidPointer(p, detail::TypeName<T>());
+        return p;
+    }
+
+protected:
+    static inline T* sm_instance = nullptr;
+};
+
+} // namespace corvid

@@ -1,0 +1,63 @@
+// Diagnostic output: trace sinks and the guarded print.
+#pragma once
+
+#include <cstdio>
+#include <exception>
+#include <string_view>
+
+#include <fmt/format.h>
+
+namespace corvid {
+
+// Abstract trace sink.
+class BaseTrace {
+public:
+    virtual ~BaseTrace() = default;
+    // Writes a NUL-terminated text as it stands.
+    virtual void Write(const char* text) = 0;
+    // Pushes everything written so far out; returns 0 on success.
+    virtual int Flush() = 0;
+};
+
+// Trace sink on standard error. Flushing waits until a terminal has
+// transmitted every byte (tcdrain), so nothing is lost before a reset.
+class StderrTrace : public BaseTrace {
+public:
+    ~StderrTrace() override;
+    void Write(const char* text) override;
+    int Flush() override;
+};
+
+namespace detail {
+void ReportPrintFailure(std::FILE* stream, std::string_view format, const char* what) noexcept;
+} // namespace detail
+
+// Formats with fmt replacement fields and writes the result to stream. If
+// formatting or writing throws a standard exception, writes
+// "Message '<format>' threw '<what>'\n" instead and returns normally, so that
+// reporting a failure can never itself fail. Other exceptions pass on.
+template <typename... Args>
+void GuardedPrint(std::FILE* stream, std::string_view format, const Args&... args)
+{
+    try {
+        fmt::vprint(stream, format, fmt::make_format_args(args...));
+    } catch (const std::exception& e) {
+        detail::ReportPrintFailure(stream, format, e.what());
+    }
+}
+
+// The guarded print to standard error.
+template <typename... Args>
+void PrintError(std::string_view format, const Args&... args)
+{
+    GuardedPrint(stderr, format, args...);
+}
+
+// A plain formatted print to standard error: exceptions propagate.
+template <typename... Args>
+void Print(std::string_view format, const Args&... args)
+{
+    fmt::vprint(stderr, format, fmt::make_format_args(args...));
+}
+
+} // namespace corvid
