@@ -1,0 +1,139 @@
+#include "hardware/blessings.h"
+
+#include <stdexcept>
+
+#include "hardware/rsa_signer.h"
+#include "hardware/signature_verifier.h"
+#include "platform/posix_helpers.h"
+#include "platform/trace.h"
+
+namespace blessings {
+namespace {
+
+const bool s_gcrypt = (InitialiseGcrypt(), true);
+
+std::string Sha256(const std::string& message)
+{
+    GcryMd md;
+    if (const gcry_error_t error = gcry_md_open(md.out(), GCRY_MD_SHA256, 0))
+        throw std::runtime_error(gcry_strerror(error));
+    gcry_md_write(md.get(), message.data(), message.size());
+    const unsigned char* digest = gcry_md_read(md.get(), GCRY_MD_SHA256);
+    return std::string(reinterpret_cast<const char*>(digest),
+                       gcry_md_get_algo_dlen(GCRY_MD_SHA256));
+}
+
+// Calls handler for each non-empty piece of names between ":" separators.
+template <typename Handler>
+void ForEachName(const std::string& names, Handler&& handler)
+{
+    std::size_t begin = 0;
+    while (begin <= names.size()) {
+        std::size_t end = names.find(':', begin);
+        if (end == std::string::npos)
+            end = names.size();
+        if (end > begin)
+            handler(names.substr(begin, end - begin));
+        begin = end + 1;
+    }
+}
+
+} // namespace
+
+std::string SignedMessage(const std::string& tag, const std::string& secure_id,
+                          const std::string& serial, const std::string& names,
+                          const std::string& parameter)
+{
+    using corvid::WriteLengthPrefixedString;
+    std::string message = WriteLengthPrefixedString(tag);
+    if (tag == BLESSING_TAG) {
+        message += WriteLengthPrefixedString(secure_id);
+        message += WriteLengthPrefixedString(serial);
+    }
+    if (!parameter.empty())
+        message += WriteLengthPrefixedString(parameter);
+    message += WriteLengthPrefixedString(names);
+    return message;
+}
+
+std::pair<std::string, std::string> VerifyBlessing(const std::string& secure_id,
+                                                   const std::string& serial,
+                                                   const std::string& tag,
+                                                   const GcrySexp& blessing_key_1,
+                                                   const GcrySexp& blessing_key_2,
+                                                   const std::string& payload)
+{
+    const char* cursor = payload.data();
+    const char* const end = payload.data() + payload.size();
+    const std::string names = corvid::ReadLengthPrefixedString(cursor, end);
+    const std::string signature = corvid::ReadLengthPrefixedString(cursor, end);
+    std::string parameter;
+    if (cursor != end) {
+        parameter = corvid::ReadLengthPrefixedString(cursor, end);
+        if (cursor != end)
+            throw std::runtime_error("Bogus data after blessings signature");
+    }
+
+    if (tag == BOON_TAG && names.find(DEVICE_BOUND_ONLY_FEATURE) != std::string::npos)
+        throw std::runtime_error("Unable to write unsupported boon");
+
+    const std::string digest = Sha256(SignedMessage(tag, secure_id, serial, names, parameter));
+    if (!VerifySignature(blessing_key_1, GCRY_MD_SHA256, digest, signature) &&
+        !VerifySignature(blessing_key_2, GCRY_MD_SHA256, digest, signature))
+        throw std::runtime_error("Blessing not correctly signed");
+    return {names, parameter};
+}
+
+void EnumerateBlessings(const VeltrixDeviceDataStorageNand& storage, const std::string& secure_id,
+                        const std::string& serial, const BlessingHandler& handler)
+{
+    const GcrySexp key_1 = LoadPublicKey(BlessingPublicKey1());
+    const GcrySexp key_2 = LoadPublicKey(BlessingPublicKey2());
+
+    const std::string image = storage.ReadImage([](const std::string&) { return true; });
+    ParseDeviceData(image, [&](const std::string& tag, const std::string& payload) {
+        if (tag != BLESSING_TAG && tag != BOON_TAG)
+            return;
+        try {
+            const auto [names, parameter] =
+                VerifyBlessing(secure_id, serial, tag, key_1, key_2, payload);
+            ForEachName(names, [&](const std::string& name) {
+                if (name == DEVICE_BOUND_ONLY_FEATURE && tag != BLESSING_TAG)
+                    return;
+                handler(name, parameter);
+            });
+        } catch (const std::exception& e) {
+            corvid::PrintError("Exception while checking blessings: {}\n", e.what());
+        } catch (...) {
+            corvid::PrintError("Unknown exception while checking blessings\n");
+        }
+    });
+}
+
+std::string MakeBlessingPayload(const std::string& tag, const std::string& names,
+                                const std::string& parameter, const std::string& secure_id,
+                                const std::string& serial, const GcrySexp& private_key)
+{
+    if (tag != BLESSING_TAG && tag != BOON_TAG)
+        throw std::invalid_argument("A blessing record is tagged BLES or BOON, not '" + tag + "'");
+    bool any_name = false;
+    ForEachName(names, [&](const std::string&) { any_name = true; });
+    if (!any_name)
+        throw std::invalid_argument("A blessing record needs at least one name");
+    if (tag == BOON_TAG && names.find(DEVICE_BOUND_ONLY_FEATURE) != std::string::npos)
+        throw std::invalid_argument("A boon cannot name eac3: the player refuses it");
+    for (const std::string* field : {&names, &parameter, &secure_id, &serial}) {
+        if (field->size() > 0xFFFF)
+            throw std::length_error("A blessing field is longer than 65535 bytes");
+    }
+
+    const std::string message = SignedMessage(tag, secure_id, serial, names, parameter);
+    const std::string signature = SignDigest(private_key, GCRY_MD_SHA256, Sha256(message));
+    std::string payload = corvid::WriteLengthPrefixedString(names);
+    payload += corvid::WriteLengthPrefixedString(signature);
+    if (!parameter.empty())
+        payload += corvid::WriteLengthPrefixedString(parameter);
+    return payload;
+}
+
+} // namespace blessings

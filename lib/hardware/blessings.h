@@ -1,0 +1,65 @@
+// Blessings: signed records in the device-data partition that grant this
+// device named features. A blessing ("BLES") is bound to one device by its
+// Secure ID and serial number; a boon ("BOON") is signed but bound to none.
+//
+// Record payload, each field a 16-bit little-endian length and its bytes:
+//   names      one or more feature names separated by ":"
+//   signature  RSA PKCS#1 v1.5 over the SHA-256 of the signed message
+//   parameter  optional (an absent field reads as the empty text)
+// Signed message, the same field encoding:
+//   BLES: tag, Secure ID, serial, parameter (only when not empty), names
+//   BOON: tag, parameter (only when not empty), names
+#pragma once
+
+#include <functional>
+#include <string>
+#include <utility>
+
+#include "hardware/gcrypt_handles.h"
+#include "hardware/vx_device_data.h"
+
+namespace blessings {
+
+inline constexpr const char* BLESSING_TAG = "BLES";
+inline constexpr const char* BOON_TAG = "BOON";
+
+// The feature that only a device-bound blessing may grant.
+inline constexpr const char* DEVICE_BOUND_ONLY_FEATURE = "eac3";
+
+using BlessingHandler = std::function<void(const std::string& name, const std::string& parameter)>;
+
+// Calls handler with each name granted by a valid BLES or BOON record of the
+// partition, in flash order, with that record's parameter. A record that
+// fails (bad encoding, bad signature, or the handler throwing) is reported
+// on standard error as "Exception while checking blessings: <what>\n" and
+// skipped; names it already granted stay granted. Failures to parse the
+// blessing keys or to read the partition throw.
+void EnumerateBlessings(const VeltrixDeviceDataStorageNand& storage, const std::string& secure_id,
+                        const std::string& serial, const BlessingHandler& handler);
+
+// Parses, checks and verifies one record against the two blessing keys.
+// Returns the names field and the parameter. Throws std::runtime_error
+// "Incorrectly expressed string", "Bogus data after blessings signature",
+// "Unable to write unsupported boon" or "Blessing not correctly signed".
+std::pair<std::string, std::string> VerifyBlessing(const std::string& secure_id,
+                                                   const std::string& serial,
+                                                   const std::string& tag,
+                                                   const GcrySexp& blessing_key_1,
+                                                   const GcrySexp& blessing_key_2,
+                                                   const std::string& payload);
+
+// The message a record's signature covers.
+std::string SignedMessage(const std::string& tag, const std::string& secure_id,
+                          const std::string& serial, const std::string& names,
+                          const std::string& parameter);
+
+// Factory side: the payload of a signed record. The parameter field is left
+// out when the parameter is empty. Secure ID and serial only matter for a
+// BLES record. Throws std::invalid_argument for another tag, an empty
+// names list or a boon whose names contain "eac3", and std::length_error
+// for a field longer than 65535 bytes.
+std::string MakeBlessingPayload(const std::string& tag, const std::string& names,
+                                const std::string& parameter, const std::string& secure_id,
+                                const std::string& serial, const GcrySexp& private_key);
+
+} // namespace blessings

@@ -1,0 +1,73 @@
+#include "hardware/signature_verifier.h"
+
+#include <atomic>
+#include <stdexcept>
+#include <string>
+
+namespace {
+
+GCRY_THREAD_OPTION_PTHREAD_IMPL;
+
+std::atomic<bool> s_gcrypt_initialised{false};
+
+const bool s_gcrypt = (InitialiseGcrypt(), true);
+
+[[noreturn]] void ThrowGcryptError(gcry_error_t error)
+{
+    throw std::runtime_error(gcry_strerror(error));
+}
+
+} // namespace
+
+void CheckGcryptVersion(const char* required)
+{
+    if (gcry_check_version(required) == nullptr)
+        throw std::runtime_error(std::string("Incorrect libgcrypt version. Expected ") + required);
+}
+
+void InitialiseGcrypt()
+{
+    if (s_gcrypt_initialised.exchange(true))
+        return;
+    // The option word of the callback block reads
+    // GCRY_THREAD_OPTION_PTHREAD | (1 << 8).
+    if (const gcry_error_t error = gcry_control(GCRYCTL_SET_THREAD_CBS, &gcry_threads_pthread))
+        ThrowGcryptError(error);
+    CheckGcryptVersion(GCRYPT_VERSION);
+    if (const gcry_error_t error = gcry_control(GCRYCTL_DISABLE_PRIV_DROP))
+        ThrowGcryptError(error);
+}
+
+GcrySexp LoadPublicKey(StoredKey key)
+{
+    GcrySexp handle;
+    if (const gcry_error_t error = gcry_sexp_new(handle.out(), key.data(), key.size(), 0))
+        ThrowGcryptError(error);
+    return handle;
+}
+
+bool VerifySignature(const GcrySexp& public_key, int algorithm, std::string_view digest,
+                     std::string_view signature)
+{
+    if (signature.size() < digest.size())
+        return false;
+
+    GcrySexp data;
+    if (const gcry_error_t error =
+            gcry_sexp_build(data.out(), nullptr, "(data (flags pkcs1)(hash %s %b))",
+                            gcry_md_algo_name(algorithm), static_cast<int>(digest.size()),
+                            digest.data()))
+        ThrowGcryptError(error);
+
+    GcryMpi value;
+    if (const gcry_error_t error = gcry_mpi_scan(value.out(), GCRYMPI_FMT_USG, signature.data(),
+                                                 signature.size(), nullptr))
+        ThrowGcryptError(error);
+
+    GcrySexp signature_expression;
+    if (const gcry_error_t error =
+            gcry_sexp_build(signature_expression.out(), nullptr, "(sig-val(rsa(s %m)))", value.get()))
+        ThrowGcryptError(error);
+
+    return gcry_pk_verify(signature_expression.get(), data.get(), public_key.get()) == 0;
+}

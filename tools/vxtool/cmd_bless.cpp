@@ -1,0 +1,53 @@
+// vxtool bless: issues a signed blessing or boon as a device-data chunk.
+#include <string>
+
+#include "command.h"
+#include "hardware/blessings.h"
+#include "hardware/rsa_signer.h"
+#include "hardware/vx_device_data.h"
+#include "platform/posix_helpers.h"
+
+namespace vxtool {
+namespace {
+
+constexpr const char* USAGE =
+    "--key PEM --names NAME[:NAME...] [--parameter TEXT] "
+    "(--secure-id ID --serial SERIAL | --boon) -o FILE";
+
+// Writes one encoded chunk (tag, length, payload, SHA-1) to FILE: a BLES
+// record bound to the Secure ID and serial, or with --boon a BOON record
+// bound to no device. The chunk file is input for vxtool mkdevdata.
+int Run(const Arguments& arguments)
+{
+    Arguments args = arguments;
+    std::string key_path, names, parameter, secure_id, serial, output;
+    if (!TakeOption(args, "--key", key_path) || key_path.empty())
+        throw UsageError("--key PEM is required");
+    if (!TakeOption(args, "--names", names) || names.empty())
+        throw UsageError("--names is required");
+    TakeOption(args, "--parameter", parameter);
+    const bool boon = TakeFlag(args, "--boon");
+    const bool have_secure_id = TakeOption(args, "--secure-id", secure_id);
+    const bool have_serial = TakeOption(args, "--serial", serial);
+    if (!TakeOption(args, "-o", output) || output.empty())
+        throw UsageError("-o FILE is required");
+    ExpectNoMoreArguments(args);
+    if (boon && (have_secure_id || have_serial))
+        throw UsageError("a boon is bound to no device: --boon excludes --secure-id and --serial");
+    if (!boon && (!have_secure_id || secure_id.empty() || !have_serial))
+        throw UsageError("a blessing needs --secure-id and --serial (or --boon)");
+
+    const GcrySexp key = LoadPrivateKeyFile(key_path);
+    const std::string tag = boon ? blessings::BOON_TAG : blessings::BLESSING_TAG;
+    const std::string payload =
+        blessings::MakeBlessingPayload(tag, names, parameter, secure_id, serial, key);
+    corvid::WriteWholeFile(output, EncodeDeviceDataChunk(tag, payload), 0644);
+    return 0;
+}
+
+const CommandRegistrar reg({"bless", USAGE,
+                            "issue a signed blessing (or boon) as a device-data chunk file",
+                            &Run});
+
+} // namespace
+} // namespace vxtool

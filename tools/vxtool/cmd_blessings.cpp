@@ -1,0 +1,61 @@
+// vxtool blessings: lists the names granted by the device's blessings.
+#include <fmt/format.h>
+
+#include "command.h"
+#include "hardware/blessings.h"
+#include "hardware/bootloader_environment.h"
+#include "hardware/vx_device_data.h"
+#include "identity_options.h"
+#include "source.h"
+
+namespace vxtool {
+namespace {
+
+constexpr const char* USAGE =
+    "[--mtd NAME | --image FILE --erase-size BYTES ...] [--secure-id ID | --boardid FILE] "
+    "[--serial SERIAL | --env-mtd NAME | --env-image FILE --env-erase-size BYTES ...]";
+
+// One line per granted name: the name, a tab and the record's parameter.
+// Skipped records are reported on standard error by the library. The serial
+// number is --serial, or VX_SERIAL of the environment: from --env-mtd or
+// --env-image, or, when the device data comes from the live flash, from
+// flash0.nvram. With a device-data image and no environment source, --serial
+// is required.
+int Run(const Arguments& arguments)
+{
+    Arguments args = arguments;
+    const SourceOptions source = TakeSourceOptions(args, "flash0.devid");
+    const std::string secure_id = TakeSecureId(args);
+    std::string serial;
+    const bool have_serial = TakeOption(args, "--serial", serial);
+    Arguments env_args;
+    const bool have_env = TakeEnvironmentSourceArguments(args, env_args);
+    ExpectNoMoreArguments(args);
+    if (have_serial && have_env)
+        throw UsageError("--serial and the --env-* options exclude each other");
+    if (!have_serial && !have_env && !source.image.empty())
+        throw UsageError("with --image, give --serial or an --env-image");
+    SourceOptions env_source;
+    if (!have_serial) {
+        env_source = TakeSourceOptions(env_args, BOOTLOADER_ENVIRONMENT_PARTITION);
+        ExpectNoMoreArguments(env_args);
+    }
+
+    if (!have_serial) {
+        const BootloaderEnvironment environment = LoadBootloaderEnvironment(*OpenSource(env_source));
+        serial = environment.Get("VX_SERIAL");
+    }
+    const VeltrixDeviceDataStorageNand storage(OpenSource(source));
+    blessings::EnumerateBlessings(storage, secure_id, serial,
+                                  [](const std::string& name, const std::string& parameter) {
+                                      fmt::print("{}\t{}\n", name, parameter);
+                                  });
+    return 0;
+}
+
+const CommandRegistrar reg({"blessings", USAGE,
+                            "list the names granted by the valid blessings of the device data",
+                            &Run});
+
+} // namespace
+} // namespace vxtool

@@ -1,0 +1,179 @@
+// vxtool mkdevdata: builds a device-data partition image from chunks.
+#include <algorithm>
+#include <cstdint>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "command.h"
+#include "hardware/vx_device_data.h"
+#include "platform/posix_helpers.h"
+
+namespace vxtool {
+namespace {
+
+constexpr const char* USAGE =
+    "--erase-size BYTES -o FILE [--header-word N] [--size BYTES] [--bad-blocks N,N,...] "
+    "[--chunk TAG:PAYLOADFILE | CHUNKFILE]...";
+
+std::uint32_t Le32At(const std::string& bytes, std::size_t at)
+{
+    return std::uint32_t(std::uint8_t(bytes[at])) |
+           std::uint32_t(std::uint8_t(bytes[at + 1])) << 8 |
+           std::uint32_t(std::uint8_t(bytes[at + 2])) << 16 |
+           std::uint32_t(std::uint8_t(bytes[at + 3])) << 24;
+}
+
+// Splits a file of encoded chunks (one or more, back to back) and checks each
+// the way the player will: a proper tag, a length that holds the digest and
+// fits an erase block, and a matching SHA-1.
+std::vector<std::string> ReadChunkFile(const std::string& path, std::size_t erase_size)
+{
+    const std::string bytes = corvid::ReadWholeFile(path);
+    if (bytes.empty())
+        throw std::runtime_error(fmt::format("{}: holds no chunk", path));
+    std::vector<std::string> chunks;
+    std::size_t at = 0;
+    while (at < bytes.size()) {
+        if (bytes.size() - at < 8)
+            throw std::runtime_error(
+                fmt::format("{}: truncated chunk header at offset {}", path, at));
+        const std::string tag = bytes.substr(at, 4);
+        if (tag == "\xFF\xFF\xFF\xFF")
+            throw std::runtime_error(fmt::format("{}: erased flash at offset {}", path, at));
+        const std::uint32_t length = Le32At(bytes, at + 4);
+        if (length < DEVICE_DATA_DIGEST_SIZE)
+            throw std::runtime_error(fmt::format("{}: chunk at offset {} too small", path, at));
+        if (length > erase_size || length > DEVICE_DATA_MAX_CHUNK_LENGTH)
+            throw std::runtime_error(
+                fmt::format("{}: chunk at offset {} longer than an erase block", path, at));
+        if (length > bytes.size() - at - 8)
+            throw std::runtime_error(fmt::format("{}: chunk at offset {} incomplete", path, at));
+        const std::string chunk = bytes.substr(at, 8 + length);
+        const std::string payload = chunk.substr(8, length - DEVICE_DATA_DIGEST_SIZE);
+        if (EncodeDeviceDataChunk(tag, payload) != chunk)
+            throw std::runtime_error(
+                fmt::format("{}: chunk at offset {} failed integrity check", path, at));
+        chunks.push_back(chunk);
+        at += 8 + length;
+    }
+    return chunks;
+}
+
+// --chunk TAG:PAYLOADFILE: a chunk made here from a 4-character tag and a file.
+std::string MakeChunk(const std::string& argument, std::size_t erase_size)
+{
+    const std::size_t colon = argument.find(':');
+    if (colon != 4)
+        throw UsageError(
+            fmt::format("--chunk: expected TAG:PAYLOADFILE with a 4-byte tag, got '{}'", argument));
+    const std::string tag = argument.substr(0, 4);
+    const std::string path = argument.substr(5);
+    const std::string payload = corvid::ReadWholeFile(path);
+    if (payload.size() + DEVICE_DATA_DIGEST_SIZE > erase_size)
+        throw std::runtime_error(fmt::format("{}: payload too large for an erase block", path));
+    return EncodeDeviceDataChunk(tag, payload);
+}
+
+std::set<std::size_t> ParseBlockList(const std::string& text)
+{
+    std::set<std::size_t> blocks;
+    std::size_t start = 0;
+    for (;;) {
+        const std::size_t comma = text.find(',', start);
+        blocks.insert(static_cast<std::size_t>(
+            ParseNumber("--bad-blocks",
+                        text.substr(start, comma == std::string::npos ? comma : comma - start))));
+        if (comma == std::string::npos)
+            return blocks;
+        start = comma + 1;
+    }
+}
+
+int Run(const Arguments& arguments)
+{
+    Arguments args = arguments;
+    std::string erase_size_text, output, header_word_text, size_text, bad_blocks_text;
+    if (!TakeOption(args, "--erase-size", erase_size_text))
+        throw UsageError("--erase-size is required");
+    if (!TakeOption(args, "-o", output) || output.empty())
+        throw UsageError("-o FILE is required");
+    const auto erase_size = static_cast<std::size_t>(ParseNumber("--erase-size", erase_size_text));
+    if (erase_size == 0 || erase_size % VeltrixDeviceDataStorageNand::BLOCK_SIZE != 0)
+        throw UsageError("--erase-size must be a non-zero multiple of 2048");
+    std::uint32_t header_word = 0;
+    if (TakeOption(args, "--header-word", header_word_text)) {
+        const auto value = ParseNumber("--header-word", header_word_text);
+        if (value > 0xFFFFFFFF)
+            throw UsageError("--header-word must fit 32 bits");
+        header_word = static_cast<std::uint32_t>(value);
+    }
+    std::size_t size = 0;
+    const bool have_size = TakeOption(args, "--size", size_text);
+    if (have_size) {
+        size = static_cast<std::size_t>(ParseNumber("--size", size_text));
+        if (size == 0 || size % erase_size != 0)
+            throw UsageError("--size must be a non-zero multiple of --erase-size");
+    }
+    std::set<std::size_t> bad_blocks;
+    if (TakeOption(args, "--bad-blocks", bad_blocks_text))
+        bad_blocks = ParseBlockList(bad_blocks_text);
+
+    // The chunks, in command-line order.
+    std::vector<std::string> chunks;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        const std::string& arg = args[i];
+        if (arg == "--chunk") {
+            if (i + 1 == args.size())
+                throw UsageError("--chunk needs a value");
+            chunks.push_back(MakeChunk(args[++i], erase_size));
+        } else if (arg.rfind("--chunk=", 0) == 0) {
+            chunks.push_back(MakeChunk(arg.substr(8), erase_size));
+        } else if (arg.size() > 1 && arg[0] == '-') {
+            throw UsageError(fmt::format("unknown option '{}'", arg));
+        } else {
+            for (std::string& chunk : ReadChunkFile(arg, erase_size))
+                chunks.push_back(std::move(chunk));
+        }
+    }
+    const std::string image = EncodeDeviceDataImage(chunks, header_word);
+
+    // The data starts at the first good block and runs straight on, with
+    // room for an erased chunk header after the last chunk to end the list.
+    std::size_t first = 0;
+    while (bad_blocks.count(first))
+        ++first;
+    const std::size_t data_blocks = (image.size() + 8 + erase_size - 1) / erase_size;
+    for (std::size_t block = first; block < first + data_blocks; ++block) {
+        if (bad_blocks.count(block))
+            throw std::runtime_error(
+                fmt::format("bad block {} lies inside the data (blocks {} to {})", block, first,
+                            first + data_blocks - 1));
+    }
+    std::size_t needed = (first + data_blocks) * erase_size;
+    if (!bad_blocks.empty())
+        needed = std::max(needed, (*bad_blocks.rbegin() + 1) * erase_size);
+    if (have_size && size < needed)
+        throw std::runtime_error(
+            fmt::format("--size {} is too small: the image needs {} bytes", size, needed));
+
+    // Erased flash is 0xFF; bad blocks are filled with zeros, which the player
+    // would take for corrupt data if it ever read them.
+    std::string partition(have_size ? size : needed, '\xFF');
+    for (const std::size_t block : bad_blocks)
+        std::fill_n(partition.begin() + block * erase_size, erase_size, '\0');
+    std::copy(image.begin(), image.end(), partition.begin() + first * erase_size);
+    corvid::WriteWholeFile(output, partition, 0644);
+    return 0;
+}
+
+const CommandRegistrar reg({"mkdevdata", USAGE,
+                            "build a device-data partition image from encoded chunk files and "
+                            "raw TAG:PAYLOADFILE chunks",
+                            &Run});
+
+} // namespace
+} // namespace vxtool

@@ -1,0 +1,43 @@
+// vxtool srb: verifies the signed manufacturing record of the environment.
+#include <stdexcept>
+
+#include <fmt/format.h>
+
+#include "command.h"
+#include "hardware/bootloader_environment.h"
+#include "hardware/srb.h"
+#include "identity_options.h"
+#include "source.h"
+
+namespace vxtool {
+namespace {
+
+// Prints "valid" and exits 0, or "invalid: <reason>" and exits 1. A failure
+// to read the environment itself is an error (exit 1, "error: ...").
+int Run(const Arguments& arguments)
+{
+    Arguments args = arguments;
+    const SourceOptions source = TakeSourceOptions(args, BOOTLOADER_ENVIRONMENT_PARTITION);
+    const std::string secure_id = TakeSecureId(args);
+    ExpectNoMoreArguments(args);
+
+    const NandAccess::Pointer nand = OpenSource(source);
+    const BootloaderEnvironment environment = LoadBootloaderEnvironment(*nand);
+    try {
+        VerifySrb(environment.variables, secure_id);
+    } catch (const std::runtime_error& e) {
+        fmt::print("invalid: {}\n", e.what());
+        return 1;
+    }
+    fmt::print("valid\n");
+    return 0;
+}
+
+const CommandRegistrar reg({"srb",
+                            "[--mtd NAME | --image FILE --erase-size BYTES ...] "
+                            "[--secure-id ID | --boardid FILE]",
+                            "verify the signed manufacturing record (SRB) of the environment",
+                            &Run});
+
+} // namespace
+} // namespace vxtool
