@@ -1,6 +1,7 @@
 #include "hardware/vx_device_data.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 #include <string_view>
@@ -92,6 +93,8 @@ VeltrixDeviceDataStorageNand::VeltrixDeviceDataStorageNand(const NandAccess::Poi
     if (write_size != BLOCK_SIZE) {
         corvid::DumpNamedValue("LHS", write_size);
         corvid::DumpNamedValue("RHS", BLOCK_SIZE);
+        // The report path aborts without flushing standard output.
+        std::fflush(stdout);
         corvid::AssertionFailed(
             "lib/hardware/vx_device_data", 76,
             "VeltrixDeviceDataStorageNand::VeltrixDeviceDataStorageNand(const NandAccess::Pointer&)",
