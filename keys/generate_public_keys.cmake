@@ -13,10 +13,9 @@ endforeach()
 
 # Appends the bytes of an ASCII text as C++ hex literals to out_var.
 function(append_text_bytes out_var text)
-    set(result "${${out_var}}")
     string(HEX "${text}" hex)
-    string(REGEX REPLACE "(..)" "0x\\1, " bytes "${hex}")
-    set(${out_var} "${result}${bytes}" PARENT_SCOPE)
+    append_hex_bytes(${out_var} "${hex}")
+    set(${out_var} "${${out_var}}" PARENT_SCOPE)
 endfunction()
 
 # Appends hex digits (an even number) as C++ hex literals to out_var.

@@ -12,17 +12,6 @@ namespace {
 
 const bool s_gcrypt = (InitialiseGcrypt(), true);
 
-std::string Sha256(const std::string& message)
-{
-    GcryMd md;
-    if (const gcry_error_t error = gcry_md_open(md.out(), GCRY_MD_SHA256, 0))
-        throw std::runtime_error(gcry_strerror(error));
-    gcry_md_write(md.get(), message.data(), message.size());
-    const unsigned char* digest = gcry_md_read(md.get(), GCRY_MD_SHA256);
-    return std::string(reinterpret_cast<const char*>(digest),
-                       gcry_md_get_algo_dlen(GCRY_MD_SHA256));
-}
-
 // Calls handler for each non-empty piece of names between ":" separators.
 template <typename Handler>
 void ForEachName(const std::string& names, Handler&& handler)
@@ -77,7 +66,7 @@ std::pair<std::string, std::string> VerifyBlessing(const std::string& secure_id,
     if (tag == BOON_TAG && names.find(DEVICE_BOUND_ONLY_FEATURE) != std::string::npos)
         throw std::runtime_error("Unable to write unsupported boon");
 
-    const std::string digest = Sha256(SignedMessage(tag, secure_id, serial, names, parameter));
+    const std::string digest = ComputeDigest(GCRY_MD_SHA256, SignedMessage(tag, secure_id, serial, names, parameter));
     if (!VerifySignature(blessing_key_1, GCRY_MD_SHA256, digest, signature) &&
         !VerifySignature(blessing_key_2, GCRY_MD_SHA256, digest, signature))
         throw std::runtime_error("Blessing not correctly signed");
@@ -128,7 +117,7 @@ std::string MakeBlessingPayload(const std::string& tag, const std::string& names
     }
 
     const std::string message = SignedMessage(tag, secure_id, serial, names, parameter);
-    const std::string signature = SignDigest(private_key, GCRY_MD_SHA256, Sha256(message));
+    const std::string signature = SignDigest(private_key, GCRY_MD_SHA256, ComputeDigest(GCRY_MD_SHA256, message));
     std::string payload = corvid::WriteLengthPrefixedString(names);
     payload += corvid::WriteLengthPrefixedString(signature);
     if (!parameter.empty())

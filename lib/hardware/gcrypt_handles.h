@@ -10,6 +10,9 @@
 #endif
 #include <gcrypt.h>
 
+#include <stdexcept>
+#include <string>
+#include <string_view>
 #include <utility>
 
 namespace gcrypt_detail {
@@ -70,3 +73,22 @@ using GcryMd = gcrypt_detail::GcryHandle<gcry_md_hd_t, &gcrypt_detail::ReleaseMd
 using GcrySexp = gcrypt_detail::GcryHandle<gcry_sexp_t, &gcrypt_detail::ReleaseSexp>;
 // A multi-precision integer, released with gcry_mpi_release.
 using GcryMpi = gcrypt_detail::GcryHandle<gcry_mpi_t, &gcrypt_detail::ReleaseMpi>;
+
+// Throws std::runtime_error with libgcrypt's text for error.
+[[noreturn]] inline void ThrowGcryptError(gcry_error_t error)
+{
+    throw std::runtime_error(gcry_strerror(error));
+}
+
+// The digest of data with the digest algorithm algorithm (GCRY_MD_*),
+// through a context opened without flags. A context that cannot be opened
+// throws std::runtime_error with libgcrypt's text.
+inline std::string ComputeDigest(int algorithm, std::string_view data)
+{
+    GcryMd md;
+    if (const gcry_error_t error = gcry_md_open(md.out(), algorithm, 0))
+        ThrowGcryptError(error);
+    gcry_md_write(md.get(), data.data(), data.size());
+    return std::string(reinterpret_cast<const char*>(gcry_md_read(md.get(), algorithm)),
+                       gcry_md_get_algo_dlen(algorithm));
+}

@@ -12,11 +12,6 @@ namespace {
 
 const bool s_gcrypt = (InitialiseGcrypt(), true);
 
-[[noreturn]] void ThrowGcryptError(gcry_error_t error)
-{
-    throw std::runtime_error(gcry_strerror(error));
-}
-
 [[noreturn]] void ThrowBadKey(const std::string& reason)
 {
     throw std::runtime_error("Invalid RSA private key: " + reason);
@@ -171,13 +166,7 @@ GcrySexp LoadPrivateKeyFile(const std::string& path)
 
 std::string SignDigest(const GcrySexp& private_key, int algorithm, std::string_view digest)
 {
-    GcrySexp data;
-    if (const gcry_error_t error =
-            gcry_sexp_build(data.out(), nullptr, "(data (flags pkcs1)(hash %s %b))",
-                            gcry_md_algo_name(algorithm), static_cast<int>(digest.size()),
-                            digest.data()))
-        ThrowGcryptError(error);
-
+    const GcrySexp data = BuildDigestData(algorithm, digest);
     GcrySexp result;
     if (const gcry_error_t error = gcry_pk_sign(result.out(), data.get(), private_key.get()))
         ThrowGcryptError(error);

@@ -12,11 +12,6 @@ std::atomic<bool> s_gcrypt_initialised{false};
 
 const bool s_gcrypt = (InitialiseGcrypt(), true);
 
-[[noreturn]] void ThrowGcryptError(gcry_error_t error)
-{
-    throw std::runtime_error(gcry_strerror(error));
-}
-
 } // namespace
 
 void CheckGcryptVersion(const char* required)
@@ -46,18 +41,24 @@ GcrySexp LoadPublicKey(StoredKey key)
     return handle;
 }
 
-bool VerifySignature(const GcrySexp& public_key, int algorithm, std::string_view digest,
-                     std::string_view signature)
+GcrySexp BuildDigestData(int algorithm, std::string_view digest)
 {
-    if (signature.size() < digest.size())
-        return false;
-
     GcrySexp data;
     if (const gcry_error_t error =
             gcry_sexp_build(data.out(), nullptr, "(data (flags pkcs1)(hash %s %b))",
                             gcry_md_algo_name(algorithm), static_cast<int>(digest.size()),
                             digest.data()))
         ThrowGcryptError(error);
+    return data;
+}
+
+bool VerifySignature(const GcrySexp& public_key, int algorithm, std::string_view digest,
+                     std::string_view signature)
+{
+    if (signature.size() < digest.size())
+        return false;
+
+    const GcrySexp data = BuildDigestData(algorithm, digest);
 
     GcryMpi value;
     if (const gcry_error_t error = gcry_mpi_scan(value.out(), GCRYMPI_FMT_USG, signature.data(),

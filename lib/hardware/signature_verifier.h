@@ -27,6 +27,11 @@ void CheckGcryptVersion(const char* required);
 // auto-detection). Throws std::runtime_error with libgcrypt's error text.
 GcrySexp LoadPublicKey(StoredKey key);
 
+// The data expression of a PKCS#1 v1.5 signature over a digest made with
+// the digest algorithm algorithm: "(data (flags pkcs1)(hash <name> <digest>))".
+// Throws std::runtime_error with libgcrypt's error text.
+GcrySexp BuildDigestData(int algorithm, std::string_view digest);
+
 // Verifies an RSA PKCS#1 v1.5 signature (a big-endian integer) over a digest
 // that the caller computed with the digest algorithm algorithm (GCRY_MD_*).
 // Returns false for a signature shorter than the digest without calling the

@@ -63,9 +63,9 @@ std::string ComputeSrbDigest(const std::map<std::string, std::string>& environme
 {
     GcryMd md;
     if (const gcry_error_t error = gcry_md_open(md.out(), GCRY_MD_SHA256, GCRY_MD_FLAG_HMAC))
-        throw std::runtime_error(gcry_strerror(error));
+        ThrowGcryptError(error);
     if (const gcry_error_t error = gcry_md_setkey(md.get(), secure_id.data(), secure_id.size()))
-        throw std::runtime_error(gcry_strerror(error));
+        ThrowGcryptError(error);
     for (const auto& [name, value] : environment) {
         if (!IsSignedSrbVariable(name))
             continue;

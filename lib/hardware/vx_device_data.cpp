@@ -34,18 +34,9 @@ void AppendLe32(std::string& out, std::uint32_t value)
         out.push_back(static_cast<char>((value >> shift) & 0xFF));
 }
 
-using Digest = std::array<std::uint8_t, DEVICE_DATA_DIGEST_SIZE>;
-
-Digest Sha1(const char* data, std::size_t length)
+std::string Sha1(std::string_view data)
 {
-    GcryMd md;
-    const gcry_error_t error = gcry_md_open(md.out(), GCRY_MD_SHA1, 0);
-    if (error)
-        throw std::runtime_error(gcry_strerror(error));
-    gcry_md_write(md.get(), data, length);
-    Digest digest;
-    std::memcpy(digest.data(), gcry_md_read(md.get(), GCRY_MD_SHA1), digest.size());
-    return digest;
+    return ComputeDigest(GCRY_MD_SHA1, data);
 }
 
 // Writes bytes to standard error, 16 a line: the decimal offset from the
@@ -200,13 +191,13 @@ void ParseDeviceData(const std::string& image, const DeviceDataChunkHandler& on_
         const std::string tag(chunk, 4);
         const char* payload = chunk + CHUNK_HEADER_SIZE;
         const std::size_t payload_size = length - DEVICE_DATA_DIGEST_SIZE;
-        const Digest computed = Sha1(payload, payload_size);
+        const std::string computed = Sha1(std::string_view(payload, payload_size));
         const auto* stored = reinterpret_cast<const std::uint8_t*>(payload + payload_size);
         if (std::memcmp(computed.data(), stored, computed.size()) != 0) {
             corvid::PrintError("Veltrix device data chunk failed integrity check\n");
             HexDump(reinterpret_cast<const std::uint8_t*>(chunk), chunk_size);
             corvid::PrintError("Calculated hash\n");
-            HexDump(computed.data(), computed.size());
+            HexDump(reinterpret_cast<const std::uint8_t*>(computed.data()), computed.size());
             corvid::PrintError("Expected hash\n");
             HexDump(stored, DEVICE_DATA_DIGEST_SIZE);
             if (on_corrupt)
@@ -227,11 +218,11 @@ std::string EncodeDeviceDataChunk(const std::string& tag, const std::string& pay
     if (payload.size() > DEVICE_DATA_MAX_CHUNK_LENGTH - DEVICE_DATA_DIGEST_SIZE)
         throw std::length_error("Device data payload too large: " + std::to_string(payload.size()) +
                                 " bytes");
-    const Digest digest = Sha1(payload.data(), payload.size());
+    const std::string digest = Sha1(payload);
     std::string chunk = tag;
     AppendLe32(chunk, static_cast<std::uint32_t>(payload.size() + DEVICE_DATA_DIGEST_SIZE));
     chunk += payload;
-    chunk.append(reinterpret_cast<const char*>(digest.data()), digest.size());
+    chunk += digest;
     return chunk;
 }
 
