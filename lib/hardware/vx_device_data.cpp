@@ -13,6 +13,13 @@
 
 static const bool s_gcrypt = (InitialiseGcrypt(), true);
 
+std::uint32_t LoadLe32(const void* bytes)
+{
+    const auto* b = static_cast<const std::uint8_t*>(bytes);
+    return std::uint32_t(b[0]) | std::uint32_t(b[1]) << 8 | std::uint32_t(b[2]) << 16 |
+           std::uint32_t(b[3]) << 24;
+}
+
 namespace {
 
 constexpr std::uint32_t MAGIC = 0x44445856; // "VXDD"
@@ -20,13 +27,6 @@ constexpr std::uint32_t ERASED_WORD = 0xFFFFFFFF;
 constexpr std::size_t IMAGE_HEADER_SIZE = 8;
 constexpr std::size_t CHUNK_HEADER_SIZE = 8;
 constexpr std::size_t DUMP_BYTES_PER_LINE = 16;
-
-std::uint32_t LoadLe32(const void* bytes)
-{
-    const auto* b = static_cast<const std::uint8_t*>(bytes);
-    return std::uint32_t(b[0]) | std::uint32_t(b[1]) << 8 | std::uint32_t(b[2]) << 16 |
-           std::uint32_t(b[3]) << 24;
-}
 
 void AppendLe32(std::string& out, std::uint32_t value)
 {

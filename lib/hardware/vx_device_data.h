@@ -68,3 +68,7 @@ std::string EncodeDeviceDataImage(const std::vector<std::string>& encoded_chunks
 inline constexpr std::uint32_t DEVICE_DATA_MAX_CHUNK_LENGTH = 0x20000;
 // Size of the SHA-1 digest at the end of every chunk.
 inline constexpr std::size_t DEVICE_DATA_DIGEST_SIZE = 20;
+
+// The little-endian 32-bit number at bytes (the format's tags, lengths and
+// header words).
+std::uint32_t LoadLe32(const void* bytes);

@@ -12,14 +12,6 @@
 namespace vxtool {
 namespace {
 
-std::uint32_t Le32At(const std::string& bytes, std::size_t at)
-{
-    return std::uint32_t(std::uint8_t(bytes[at])) |
-           std::uint32_t(std::uint8_t(bytes[at + 1])) << 8 |
-           std::uint32_t(std::uint8_t(bytes[at + 2])) << 16 |
-           std::uint32_t(std::uint8_t(bytes[at + 3])) << 24;
-}
-
 // The tag as text; bytes outside printable ASCII (and the backslash) as \xNN.
 std::string PrintableTag(const std::string& tag)
 {
@@ -55,7 +47,7 @@ int Run(const Arguments& arguments)
     std::size_t at = 8;
     while (at + 8 <= image.size()) {
         const std::string tag = image.substr(at, 4);
-        const std::uint32_t length = Le32At(image, at + 4);
+        const std::uint32_t length = LoadLe32(image.data() + at + 4);
         // Hands the rest of the image to the parser, which throws the
         // structural error it finds there.
         if (length > DEVICE_DATA_MAX_CHUNK_LENGTH || length > image.size() - at - 8) {

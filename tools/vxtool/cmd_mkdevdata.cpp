@@ -11,6 +11,7 @@
 #include "command.h"
 #include "hardware/vx_device_data.h"
 #include "platform/posix_helpers.h"
+#include "source.h"
 
 namespace vxtool {
 namespace {
@@ -18,14 +19,6 @@ namespace {
 constexpr const char* USAGE =
     "--erase-size BYTES -o FILE [--header-word N] [--size BYTES] [--bad-blocks N,N,...] "
     "[--chunk TAG:PAYLOADFILE | CHUNKFILE]...";
-
-std::uint32_t Le32At(const std::string& bytes, std::size_t at)
-{
-    return std::uint32_t(std::uint8_t(bytes[at])) |
-           std::uint32_t(std::uint8_t(bytes[at + 1])) << 8 |
-           std::uint32_t(std::uint8_t(bytes[at + 2])) << 16 |
-           std::uint32_t(std::uint8_t(bytes[at + 3])) << 24;
-}
 
 // Splits a file of encoded chunks (one or more, back to back) and checks each
 // the way the player will: a proper tag, a length that holds the digest and
@@ -44,7 +37,7 @@ std::vector<std::string> ReadChunkFile(const std::string& path, std::size_t eras
         const std::string tag = bytes.substr(at, 4);
         if (tag == "\xFF\xFF\xFF\xFF")
             throw std::runtime_error(fmt::format("{}: erased flash at offset {}", path, at));
-        const std::uint32_t length = Le32At(bytes, at + 4);
+        const std::uint32_t length = LoadLe32(bytes.data() + at + 4);
         if (length < DEVICE_DATA_DIGEST_SIZE)
             throw std::runtime_error(fmt::format("{}: chunk at offset {} too small", path, at));
         if (length > erase_size || length > DEVICE_DATA_MAX_CHUNK_LENGTH)
@@ -76,21 +69,6 @@ std::string MakeChunk(const std::string& argument, std::size_t erase_size)
     if (payload.size() + DEVICE_DATA_DIGEST_SIZE > erase_size)
         throw std::runtime_error(fmt::format("{}: payload too large for an erase block", path));
     return EncodeDeviceDataChunk(tag, payload);
-}
-
-std::set<std::size_t> ParseBlockList(const std::string& text)
-{
-    std::set<std::size_t> blocks;
-    std::size_t start = 0;
-    for (;;) {
-        const std::size_t comma = text.find(',', start);
-        blocks.insert(static_cast<std::size_t>(
-            ParseNumber("--bad-blocks",
-                        text.substr(start, comma == std::string::npos ? comma : comma - start))));
-        if (comma == std::string::npos)
-            return blocks;
-        start = comma + 1;
-    }
 }
 
 int Run(const Arguments& arguments)

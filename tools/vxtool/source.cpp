@@ -7,8 +7,6 @@
 
 namespace vxtool {
 
-namespace {
-
 std::set<std::size_t> ParseBlockList(const std::string& text)
 {
     std::set<std::size_t> blocks;
@@ -22,8 +20,6 @@ std::set<std::size_t> ParseBlockList(const std::string& text)
         start = comma + 1;
     }
 }
-
-} // namespace
 
 SourceOptions TakeSourceOptions(Arguments& args, const std::string& default_mtd)
 {

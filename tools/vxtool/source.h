@@ -34,6 +34,10 @@ struct SourceOptions {
     std::set<std::size_t> bad_blocks;
 };
 SourceOptions TakeSourceOptions(Arguments& args, const std::string& default_mtd);
+
+// Parses the erase-block indexes of --bad-blocks ("N,N,..."); throws
+// UsageError for anything that is not a number.
+std::set<std::size_t> ParseBlockList(const std::string& text);
 NandAccess::Pointer OpenSource(const SourceOptions& options);
 
 } // namespace vxtool
