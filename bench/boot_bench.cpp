@@ -20,7 +20,8 @@
 #include "hardware/blessings.h"
 #include "hardware/bootloader_environment.h"
 #include "hardware/nand_image_access.h"
-#include "hardware/rsa_signer.h"
+#include "factory/records.h"
+#include "factory/rsa_signer.h"
 #include "hardware/srb.h"
 #include "hardware/vx_device_data.h"
 #include "platform/posix_helpers.h"
@@ -96,7 +97,7 @@ int main()
     std::vector<std::string> chunks;
     for (int i = 0; i < 8; ++i)
         chunks.push_back(EncodeDeviceDataChunk(
-            "BLES", blessings::MakeBlessingPayload("BLES", fmt::format("feature-{}", i), "", SECURE_ID,
+            "BLES", MakeBlessingPayload("BLES", fmt::format("feature-{}", i), "", SECURE_ID,
                                                    SERIAL, blessing_key)));
     const auto devid = NandImageAccess::Create(
         WriteImage(dir + "/devid.img", 8, 1, EncodeDeviceDataImage(chunks)), ERASE_SIZE, PAGE_SIZE,

@@ -4,22 +4,23 @@
 #include <exception>
 
 #include "check/hardware_failure.h"
+#include "hardware/context.h"
 #include "platform/key_value.h"
 #include "platform/posix_helpers.h"
 #include "platform/trace.h"
 
-void CheckMemory(const std::string& meminfo_path)
+void CheckMemory()
 {
-    const auto meminfo = corvid::ParseKeyValuePairs(corvid::ReadWholeFile(meminfo_path), "\n",
-                                                    ": ", " \t");
+    const auto meminfo = corvid::ParseKeyValuePairs(
+        corvid::ReadWholeFile(Context::GetInstance()->Path("/proc/meminfo")), "\n", ": ", " \t");
     const auto total = meminfo.find("MemTotal");
     if (total == meminfo.end())
-        throw HardwareFailure("Can't determine memory configuration", ERROR_LED_MEMORY);
+        throw HardwareFailure("Can't determine memory configuration", ERROR_LED_GENERAL);
     const unsigned long kilobytes = std::strtoul(total->second.c_str(), nullptr, 0);
     if (kilobytes > 204799)
         return;
-    corvid::PrintError("Insufficient memory detected: {}KB.\n", kilobytes);
-    throw HardwareFailure("Insufficient memory detected", ERROR_LED_MEMORY);
+    corvid::PrintGuarded("Insufficient memory detected: {}KB.\n", kilobytes);
+    throw HardwareFailure("Insufficient memory detected", ERROR_LED_GENERAL);
 }
 
 namespace {
@@ -31,9 +32,9 @@ void ShowGuarded(const FailureDisplay& display, ErrorLedPattern pattern) noexcep
     try {
         display(pattern);
     } catch (const std::exception& e) {
-        corvid::PrintError("Unable to show the error LED pattern: {}\n", e.what());
+        corvid::PrintGuarded("Unable to show the error LED pattern: {}\n", e.what());
     } catch (...) {
-        corvid::PrintError("Unable to show the error LED pattern: Unknown exception\n");
+        corvid::PrintGuarded("Unable to show the error LED pattern: Unknown exception\n");
     }
 }
 
@@ -44,16 +45,16 @@ int RunChecks(const std::function<void()>& steps, const FailureDisplay& display)
     try {
         steps();
     } catch (const HardwareFailure& e) {
-        corvid::PrintError("ERROR: {}\n", e.what());
+        corvid::PrintGuarded("ERROR: {}\n", e.what());
         ShowGuarded(display, e.GetPattern());
         return CHECK_HARDWARE_FAILURE;
     } catch (const std::exception& e) {
-        corvid::PrintError("ERROR: {}\n", e.what());
-        ShowGuarded(display, ERROR_LED_MEMORY);
+        corvid::PrintGuarded("ERROR: {}\n", e.what());
+        ShowGuarded(display, ERROR_LED_GENERAL);
         return CHECK_UNEXPECTED_FAILURE;
     } catch (...) {
-        corvid::PrintError("ERROR: Unknown exception\n");
-        ShowGuarded(display, ERROR_LED_MEMORY);
+        corvid::PrintGuarded("ERROR: Unknown exception\n");
+        ShowGuarded(display, ERROR_LED_GENERAL);
         return CHECK_UNEXPECTED_FAILURE;
     }
     return CHECK_PASSED;

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <functional>
-#include <string>
 
 #include "hardware/leds.h"
 
@@ -14,9 +13,10 @@ enum CheckStatus : int {
     CHECK_UNEXPECTED_FAILURE = 2,
 };
 
-// Fails with HardwareFailure (pattern 2) unless MemTotal in meminfo_path is
-// at least 204800 KB. A file that cannot be read throws ErrnoException.
-void CheckMemory(const std::string& meminfo_path = "/proc/meminfo");
+// Fails with HardwareFailure (pattern 2) unless MemTotal in /proc/meminfo
+// (of the process's context) is at least 204800 KB. A file that cannot be
+// read throws ErrnoException.
+void CheckMemory();
 
 // Shows a failure's LED pattern. It may never return (the pattern can end in
 // a deliberate crash); it may also throw when the pattern cannot be shown.

@@ -2,9 +2,8 @@
 
 #include <stdexcept>
 
-#include "hardware/rsa_signer.h"
 #include "hardware/signature_verifier.h"
-#include "platform/posix_helpers.h"
+#include "platform/binary_fields.h"
 #include "platform/trace.h"
 
 namespace blessings {
@@ -12,9 +11,9 @@ namespace {
 
 const bool s_gcrypt = (InitialiseGcrypt(), true);
 
-// Calls handler for each non-empty piece of names between ":" separators.
-template <typename Handler>
-void ForEachName(const std::string& names, Handler&& handler)
+} // namespace
+
+void ForEachName(const std::string& names, const std::function<void(const std::string&)>& handler)
 {
     std::size_t begin = 0;
     while (begin <= names.size()) {
@@ -26,8 +25,6 @@ void ForEachName(const std::string& names, Handler&& handler)
         begin = end + 1;
     }
 }
-
-} // namespace
 
 std::string SignedMessage(const std::string& tag, const std::string& secure_id,
                           const std::string& serial, const std::string& names,
@@ -84,45 +81,19 @@ void EnumerateBlessings(const VeltrixDeviceDataStorageNand& storage, const std::
         if (tag != BLESSING_TAG && tag != BOON_TAG)
             return;
         try {
-            const auto [names, parameter] =
-                VerifyBlessing(secure_id, serial, tag, key_1, key_2, payload);
-            ForEachName(names, [&](const std::string& name) {
+            const auto verified = VerifyBlessing(secure_id, serial, tag, key_1, key_2, payload);
+            const std::string& parameter = verified.second;
+            ForEachName(verified.first, [&](const std::string& name) {
                 if (name == DEVICE_BOUND_ONLY_FEATURE && tag != BLESSING_TAG)
                     return;
                 handler(name, parameter);
             });
         } catch (const std::exception& e) {
-            corvid::PrintError("Exception while checking blessings: {}\n", e.what());
+            corvid::PrintGuarded("Exception while checking blessings: {}\n", e.what());
         } catch (...) {
-            corvid::PrintError("Unknown exception while checking blessings\n");
+            corvid::PrintGuarded("Unknown exception while checking blessings\n");
         }
     });
-}
-
-std::string MakeBlessingPayload(const std::string& tag, const std::string& names,
-                                const std::string& parameter, const std::string& secure_id,
-                                const std::string& serial, const GcrySexp& private_key)
-{
-    if (tag != BLESSING_TAG && tag != BOON_TAG)
-        throw std::invalid_argument("A blessing record is tagged BLES or BOON, not '" + tag + "'");
-    bool any_name = false;
-    ForEachName(names, [&](const std::string&) { any_name = true; });
-    if (!any_name)
-        throw std::invalid_argument("A blessing record needs at least one name");
-    if (tag == BOON_TAG && names.find(DEVICE_BOUND_ONLY_FEATURE) != std::string::npos)
-        throw std::invalid_argument("A boon cannot name eac3: the player refuses it");
-    for (const std::string* field : {&names, &parameter, &secure_id, &serial}) {
-        if (field->size() > 0xFFFF)
-            throw std::length_error("A blessing field is longer than 65535 bytes");
-    }
-
-    const std::string message = SignedMessage(tag, secure_id, serial, names, parameter);
-    const std::string signature = SignDigest(private_key, GCRY_MD_SHA256, ComputeDigest(GCRY_MD_SHA256, message));
-    std::string payload = corvid::WriteLengthPrefixedString(names);
-    payload += corvid::WriteLengthPrefixedString(signature);
-    if (!parameter.empty())
-        payload += corvid::WriteLengthPrefixedString(parameter);
-    return payload;
 }
 
 } // namespace blessings

@@ -48,18 +48,12 @@ std::pair<std::string, std::string> VerifyBlessing(const std::string& secure_id,
                                                    const GcrySexp& blessing_key_2,
                                                    const std::string& payload);
 
+// Calls handler with each non-empty name of a ":"-separated names field.
+void ForEachName(const std::string& names, const std::function<void(const std::string&)>& handler);
+
 // The message a record's signature covers.
 std::string SignedMessage(const std::string& tag, const std::string& secure_id,
                           const std::string& serial, const std::string& names,
                           const std::string& parameter);
-
-// Factory side: the payload of a signed record. The parameter field is left
-// out when the parameter is empty. Secure ID and serial only matter for a
-// BLES record. Throws std::invalid_argument for another tag, an empty
-// names list or a boon whose names contain "eac3", and std::length_error
-// for a field longer than 65535 bytes.
-std::string MakeBlessingPayload(const std::string& tag, const std::string& names,
-                                const std::string& parameter, const std::string& secure_id,
-                                const std::string& serial, const GcrySexp& private_key);
 
 } // namespace blessings

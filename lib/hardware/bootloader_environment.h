@@ -12,16 +12,25 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "hardware/nand_access.h"
 
+class Context;
+
 // Name of the partition that holds the environment.
 inline constexpr const char* BOOTLOADER_ENVIRONMENT_PARTITION = "flash0.nvram";
+
+// Record types.
+inline constexpr unsigned char ENVIRONMENT_RECORD_END = 0x00;
+inline constexpr unsigned char ENVIRONMENT_RECORD_VARIABLE = 0x01;
+// Type, length and flags bytes before the text.
+inline constexpr std::size_t ENVIRONMENT_RECORD_HEADER_SIZE = 3;
+// The longest KEY=VALUE text of one record: the length byte counts the
+// flags byte and the text.
+inline constexpr std::size_t MAX_ENVIRONMENT_RECORD_TEXT = 255 - 1;
 
 struct BootloaderEnvironment {
     // Always empty: what a lookup of an absent variable yields.
@@ -37,8 +46,9 @@ struct BootloaderEnvironment {
     }
 };
 
-// The process-wide environment, loaded from flash0.nvram on first use and
-// cached for the life of the process (a failed load too). Never throws for a
+// The environment of the process's context, loaded from flash0.nvram on
+// first use and cached for the life of the context, which on the player is
+// the life of the process (a failed load too). Never throws for a
 // missing or corrupt environment: it then prints
 // "BOOTLOADER ENVIRONMENT CORRUPT. PLEASE RUN MANUFACTURING TEST\n" to
 // standard error once and yields an empty map. A failure to lock the cache
@@ -55,16 +65,7 @@ std::map<std::string, std::string> ParseBootloaderEnvironmentBlock(std::string_v
 // are bad", the parser's errors, and whatever the device throws.
 BootloaderEnvironment LoadBootloaderEnvironment(NandAccess& nand);
 
-// Opens the partition with open() and loads the environment from it. Any
-// standard exception on the way prints the corrupt-environment line and
+// Opens flash0.nvram through the context and loads the environment from it.
+// Any standard exception on the way prints the corrupt-environment line and
 // gives the empty environment.
-BootloaderEnvironment LoadBootloaderEnvironmentOrEmpty(
-    const std::function<NandAccess::Pointer()>& open);
-
-// The factory side: one erase block holding a record (type 0x01, flags 0) for
-// each KEY=VALUE text in the given order, the end byte 0x00, and 0xFF up to
-// erase_size bytes. Throws std::runtime_error for a text without '=', a text
-// too long for one record (more than 254 bytes), or records that do not fit
-// in the block together with the end byte.
-std::string EncodeBootloaderEnvironmentBlock(const std::vector<std::string>& texts,
-                                             std::size_t erase_size);
+BootloaderEnvironment LoadBootloaderEnvironmentOrEmpty(Context& context);

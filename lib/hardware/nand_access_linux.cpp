@@ -16,6 +16,7 @@
 
 #include <fmt/format.h>
 
+#include "hardware/context.h"
 #include "platform/assert.h"
 #include "platform/posix_helpers.h"
 
@@ -31,11 +32,6 @@ static_assert(sizeof(mtd_info_user) == 32 && sizeof(erase_info_user) == 8 &&
               sizeof(mtd_oob_buf) == 16);
 
 namespace {
-
-struct FileCloser {
-    void operator()(std::FILE* file) const noexcept { std::fclose(file); }
-};
-using FilePointer = std::unique_ptr<std::FILE, FileCloser>;
 
 struct FreeDeleter {
     void operator()(char* text) const noexcept { std::free(text); }
@@ -55,14 +51,14 @@ std::string UnquoteName(std::string name)
 
 } // namespace
 
-MtdPartition FindMtdPartition(const std::string& name, const std::string& path)
+MtdPartition FindMtdPartition(const std::string& name)
 {
-    FilePointer file(std::fopen(path.c_str(), "re"));
+    const corvid::UniqueFile file(std::fopen(Context::GetInstance()->Path(MTD_TABLE_PATH).c_str(), "re"));
     if (!file)
         throw corvid::ErrnoException(errno);
 
     // The header, "dev:    size   erasesize  name".
-    if (std::fscanf(file.get(), "%*s %*s %*s %*s") < 0)
+    if (std::fscanf(file.Get(), "%*s %*s %*s %*s") < 0)
         throw std::runtime_error("Failed to read /proc/mtd");
 
     for (;;) {
@@ -71,7 +67,7 @@ MtdPartition FindMtdPartition(const std::string& name, const std::string& path)
         unsigned int size = 0;
         unsigned int erase_size = 0;
         const int fields =
-            std::fscanf(file.get(), "%ms %x %x %ms", &device_word, &size, &erase_size, &name_word);
+            std::fscanf(file.Get(), "%ms %x %x %ms", &device_word, &size, &erase_size, &name_word);
         ScannedWord device_owner(device_word);
         ScannedWord name_owner(name_word);
         if (fields != 4)
@@ -100,36 +96,26 @@ NandAccess::Pointer LinuxNandAccess::Create(const MtdPartition& partition)
 
 LinuxNandAccessImpl::LinuxNandAccessImpl(const std::string& device, std::size_t max_size)
 {
-    m_fd = corvid::OpenThrow(device, O_RDWR | O_SYNC).Release();
+    m_fd = corvid::OpenThrow(device, O_RDWR | O_SYNC);
 
     mtd_info_user info{};
-    if (::ioctl(m_fd, MEMGETINFO, &info) < 0) {
-        const int error = errno;
-        ::close(m_fd);
-        m_fd = -1;
-        throw corvid::ErrnoException(error);
-    }
+    if (::ioctl(m_fd.Get(), MEMGETINFO, &info) < 0)
+        throw corvid::ErrnoException(errno); // m_fd closes the device
     m_erase_size = info.erasesize;
     m_write_size = info.writesize;
     m_oob_size = info.oobsize;
     m_total_size = std::min<std::size_t>(max_size, info.size);
 
     // An erase size of 0 cannot divide anything: treated as failing too.
-    if (m_erase_size == 0 || m_total_size % m_erase_size != 0)
-        corvid::AssertionFailed("lib/hardware/nand_access_linux", 31,
-                                "LinuxNandAccessImpl::LinuxNandAccessImpl(const std::string&, size_t)",
-                                "m_total_size % m_erase_size == 0");
+    CORVID_ASSERT(m_erase_size != 0 && m_total_size % m_erase_size == 0,
+                  "lib/hardware/nand_access_linux", 31,
+                  "LinuxNandAccessImpl::LinuxNandAccessImpl(const std::string&, size_t)",
+                  "m_total_size % m_erase_size == 0");
 }
 
 LinuxNandAccessImpl::LinuxNandAccessImpl(const MtdPartition& partition)
     : LinuxNandAccessImpl(partition.device, partition.size)
 {
-}
-
-LinuxNandAccessImpl::~LinuxNandAccessImpl()
-{
-    if (m_fd >= 0)
-        ::close(m_fd);
 }
 
 int LinuxNandAccessImpl::ReadOob(std::uint64_t offset, void* buffer, std::size_t length)
@@ -138,7 +124,7 @@ int LinuxNandAccessImpl::ReadOob(std::uint64_t offset, void* buffer, std::size_t
     request.start = static_cast<std::uint32_t>(offset);
     request.length = static_cast<std::uint32_t>(std::min(length, m_oob_size));
     request.ptr = static_cast<unsigned char*>(buffer);
-    const int result = ::ioctl(m_fd, MEMREADOOB, &request);
+    const int result = ::ioctl(m_fd.Get(), MEMREADOOB, &request);
     if (result < 0)
         throw corvid::ErrnoException(errno);
     return result;
@@ -151,7 +137,7 @@ int LinuxNandAccessImpl::WriteOob(std::uint64_t offset, const void* buffer, std:
     request.length = static_cast<std::uint32_t>(std::min(length, m_oob_size));
     // The kernel only reads through this pointer for a write.
     request.ptr = static_cast<unsigned char*>(const_cast<void*>(buffer));
-    const int result = ::ioctl(m_fd, MEMWRITEOOB, &request);
+    const int result = ::ioctl(m_fd.Get(), MEMWRITEOOB, &request);
     if (result < 0)
         throw corvid::ErrnoException(errno);
     return result;
@@ -160,7 +146,7 @@ int LinuxNandAccessImpl::WriteOob(std::uint64_t offset, const void* buffer, std:
 bool LinuxNandAccessImpl::IsBadBlock(std::uint64_t offset)
 {
     __kernel_loff_t position = static_cast<__kernel_loff_t>(offset);
-    const int result = ::ioctl(m_fd, MEMGETBADBLOCK, &position);
+    const int result = ::ioctl(m_fd.Get(), MEMGETBADBLOCK, &position);
     if (result < 0)
         throw corvid::ErrnoException(errno);
     return result != 0;
@@ -186,7 +172,7 @@ bool LinuxNandAccessImpl::IsOobErased(std::uint64_t offset)
 int LinuxNandAccessImpl::MarkBadBlock(std::uint64_t offset)
 {
     __kernel_loff_t position = static_cast<__kernel_loff_t>(offset);
-    const int result = ::ioctl(m_fd, MEMSETBADBLOCK, &position);
+    const int result = ::ioctl(m_fd.Get(), MEMSETBADBLOCK, &position);
     if (result < 0)
         throw corvid::ErrnoException(errno);
     return result;
@@ -197,7 +183,7 @@ int LinuxNandAccessImpl::EraseBlock(std::uint64_t offset)
     erase_info_user request{};
     request.start = static_cast<std::uint32_t>(offset);
     request.length = static_cast<std::uint32_t>(m_erase_size);
-    const int result = ::ioctl(m_fd, MEMERASE, &request);
+    const int result = ::ioctl(m_fd.Get(), MEMERASE, &request);
     if (result < 0)
         throw corvid::ErrnoException(errno);
     return result;
@@ -205,7 +191,7 @@ int LinuxNandAccessImpl::EraseBlock(std::uint64_t offset)
 
 void LinuxNandAccessImpl::SeekTo(std::uint64_t offset, const char* operation)
 {
-    const off_t result = ::lseek(m_fd, static_cast<off_t>(offset), SEEK_SET);
+    const off_t result = ::lseek(m_fd.Get(), static_cast<off_t>(offset), SEEK_SET);
     if (result < 0)
         throw corvid::ErrnoException(errno, operation);
     if (static_cast<std::uint64_t>(result) != offset)
@@ -216,11 +202,11 @@ std::size_t LinuxNandAccessImpl::Read(std::uint64_t offset, void* buffer, std::s
 {
     // The texts name the block layer, which is where readers come from.
     SeekTo(offset, "NandBlockAccess::Read");
-    return corvid::read_all_throw(m_fd, buffer, std::min(length, m_erase_size));
+    return corvid::read_all_throw(m_fd.Get(), buffer, std::min(length, m_erase_size));
 }
 
 void LinuxNandAccessImpl::Write(std::uint64_t offset, const void* buffer, std::size_t length)
 {
     SeekTo(offset, "NandBlockAccess::Write");
-    corvid::write_all_throw(m_fd, buffer, length);
+    corvid::write_all_throw(m_fd.Get(), buffer, length);
 }

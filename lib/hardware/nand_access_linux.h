@@ -7,6 +7,7 @@
 #include <string>
 
 #include "hardware/nand_access.h"
+#include "platform/handles.h"
 
 // One row of /proc/mtd.
 struct MtdPartition {
@@ -16,13 +17,16 @@ struct MtdPartition {
     std::string name;         // fourth column without its quotes
 };
 
-// Looks a partition up by its exact name in the MTD table (normally
-// "/proc/mtd"). The first matching row wins.
+// Path of the kernel's MTD partition table.
+inline constexpr const char* MTD_TABLE_PATH = "/proc/mtd";
+
+// Looks a partition up by its exact name in the MTD table of the process's
+// context (Context::Path("/proc/mtd")). The first matching row wins.
 // Throws ErrnoException (errno, no context) when the table cannot be opened,
 // std::runtime_error "Failed to read /proc/mtd" when even the header cannot
 // be read, and std::runtime_error "Failed to find NAND partition named '<name>'"
 // when no row matches before the end of the table or the first malformed row.
-MtdPartition FindMtdPartition(const std::string& name, const std::string& path = "/proc/mtd");
+MtdPartition FindMtdPartition(const std::string& name);
 
 // A NandAccess on a Linux MTD character device. The concrete class is
 // LinuxNandAccessImpl; the creators below hand it out as NandAccess::Pointer.
@@ -50,7 +54,6 @@ public:
     // not a whole number of erase blocks is a fatal assertion.
     LinuxNandAccessImpl(const std::string& device, std::size_t max_size);
     explicit LinuxNandAccessImpl(const MtdPartition& partition);
-    ~LinuxNandAccessImpl();
 
     LinuxNandAccessImpl(const LinuxNandAccessImpl&) = delete;
     LinuxNandAccessImpl& operator=(const LinuxNandAccessImpl&) = delete;
@@ -73,7 +76,7 @@ public:
 private:
     void SeekTo(std::uint64_t offset, const char* operation);
 
-    int m_fd = -1;
+    corvid::UniqueFd m_fd;
     std::size_t m_erase_size = 0;
     std::size_t m_write_size = 0;
     std::size_t m_oob_size = 0;

@@ -6,7 +6,6 @@
 
 #include <fmt/format.h>
 
-#include "hardware/rsa_signer.h"
 #include "hardware/signature_verifier.h"
 #include "platform/assert.h"
 #include "platform/base64.h"
@@ -22,8 +21,6 @@ std::string UpperCase(std::string text)
     return text;
 }
 
-// The signature text: "A" followed by the base64 of the signature.
-constexpr char SIGNATURE_TYPE_RSA = 'A';
 
 } // namespace
 
@@ -87,7 +84,7 @@ void VerifySrb(const std::map<std::string, std::string>& environment, const std:
         throw std::runtime_error("SRB signature not found");
     if (signature.size() == 1)
         throw std::runtime_error("SRB signature incomplete");
-    if (signature[0] != SIGNATURE_TYPE_RSA)
+    if (signature[0] != SRB_SIGNATURE_TYPE_RSA)
         throw std::runtime_error("Unsupported SRB signature");
 
     const std::size_t len = signature.size();
@@ -105,30 +102,4 @@ void VerifySrb(const std::map<std::string, std::string>& environment, const std:
             return;
     }
     throw std::runtime_error("SRB signature verification failed");
-}
-
-std::string SignSrb(const std::map<std::string, std::string>& environment,
-                    const std::string& secure_id, const GcrySexp& private_key)
-{
-    const std::string signature =
-        SignDigest(private_key, GCRY_MD_SHA256, ComputeSrbDigest(environment, secure_id));
-    return SIGNATURE_TYPE_RSA + corvid::base64::Encode(signature);
-}
-
-std::vector<std::pair<std::string, std::string>> SrbSignatureVariables(
-    const std::string& signature_text, std::size_t max_record_text)
-{
-    const std::string whole = SRB_SIGNATURE_VARIABLE;
-    if (whole.size() + 1 + signature_text.size() <= max_record_text)
-        return {{whole, signature_text}};
-    std::vector<std::pair<std::string, std::string>> parts;
-    for (std::size_t offset = 0; offset < signature_text.size();) {
-        std::string name = fmt::format("{}_{}", whole, parts.size());
-        if (name.size() + 2 > max_record_text)
-            throw std::runtime_error("Environment records too short for the SRB signature");
-        const std::size_t room = max_record_text - name.size() - 1;
-        parts.emplace_back(std::move(name), signature_text.substr(offset, room));
-        offset += room;
-    }
-    return parts;
 }

@@ -6,15 +6,13 @@
 
 #include <map>
 #include <string>
-#include <utility>
-#include <vector>
-
-#include "hardware/gcrypt_handles.h"
 
 
 // The variable that holds the signature ("A" followed by base64), or, when it
 // is absent, the base of the numbered parts VX_SIGNATURE_0, VX_SIGNATURE_1, ...
 inline constexpr const char* SRB_SIGNATURE_VARIABLE = "VX_SIGNATURE";
+// The type character of an RSA signature text.
+inline constexpr char SRB_SIGNATURE_TYPE_RSA = 'A';
 
 // True when the name, upper-cased, begins with "VX_" or is "ETH0_HWADDR" or
 // "WLAN0_HWADDR": the family of manufacturing variables.
@@ -41,19 +39,3 @@ std::string ComputeSrbDigest(const std::map<std::string, std::string>& environme
 // "Unsupported SRB signature", "SRB signature verification failed", or the
 // text of a failure to decode or of libgcrypt.
 void VerifySrb(const std::map<std::string, std::string>& environment, const std::string& secure_id);
-
-// Factory side.
-
-// The longest KEY=VALUE text one environment record holds.
-inline constexpr std::size_t MAX_ENVIRONMENT_RECORD_TEXT = 254;
-
-// Signs the environment's SRB for a Secure ID: returns the signature text,
-// "A" followed by the base64 of the RSA signature.
-std::string SignSrb(const std::map<std::string, std::string>& environment,
-                    const std::string& secure_id, const GcrySexp& private_key);
-
-// The variables that carry a signature text: VX_SIGNATURE alone when
-// "VX_SIGNATURE=<text>" fits one record, otherwise VX_SIGNATURE_0,
-// VX_SIGNATURE_1, ... each filled as far as its record allows.
-std::vector<std::pair<std::string, std::string>> SrbSignatureVariables(
-    const std::string& signature_text, std::size_t max_record_text = MAX_ENVIRONMENT_RECORD_TEXT);

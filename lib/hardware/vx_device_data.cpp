@@ -9,35 +9,16 @@
 #include "hardware/gcrypt_handles.h"
 #include "hardware/signature_verifier.h"
 #include "platform/assert.h"
+#include "platform/binary_fields.h"
 #include "platform/trace.h"
+
+using corvid::LoadLe32;
 
 static const bool s_gcrypt = (InitialiseGcrypt(), true);
 
-std::uint32_t LoadLe32(const void* bytes)
-{
-    const auto* b = static_cast<const std::uint8_t*>(bytes);
-    return std::uint32_t(b[0]) | std::uint32_t(b[1]) << 8 | std::uint32_t(b[2]) << 16 |
-           std::uint32_t(b[3]) << 24;
-}
-
 namespace {
 
-constexpr std::uint32_t MAGIC = 0x44445856; // "VXDD"
-constexpr std::uint32_t ERASED_WORD = 0xFFFFFFFF;
-constexpr std::size_t IMAGE_HEADER_SIZE = 8;
-constexpr std::size_t CHUNK_HEADER_SIZE = 8;
 constexpr std::size_t DUMP_BYTES_PER_LINE = 16;
-
-void AppendLe32(std::string& out, std::uint32_t value)
-{
-    for (int shift = 0; shift < 32; shift += 8)
-        out.push_back(static_cast<char>((value >> shift) & 0xFF));
-}
-
-std::string Sha1(std::string_view data)
-{
-    return ComputeDigest(GCRY_MD_SHA1, data);
-}
 
 // Writes bytes to standard error, 16 a line: the decimal offset from the
 // first byte, ": ", then "xx " per byte; a short last line is padded with
@@ -71,7 +52,7 @@ void HexDump(const std::uint8_t* bytes, std::size_t length)
             text[pos++] = ' ';
         }
         text[pos++] = '\n';
-        corvid::PrintError("{}", std::string_view(text, pos));
+        corvid::PrintGuarded("{}", std::string_view(text, pos));
     }
 }
 
@@ -80,17 +61,10 @@ void HexDump(const std::uint8_t* bytes, std::size_t length)
 VeltrixDeviceDataStorageNand::VeltrixDeviceDataStorageNand(const NandAccess::Pointer& nand)
     : m_nand(nand)
 {
-    const std::size_t write_size = m_nand->GetWriteSize();
-    if (write_size != BLOCK_SIZE) {
-        corvid::DumpNamedValue("LHS", write_size);
-        corvid::DumpNamedValue("RHS", BLOCK_SIZE);
-        // The report path aborts without flushing standard output.
-        std::fflush(stdout);
-        corvid::AssertionFailed(
-            "lib/hardware/vx_device_data", 76,
-            "VeltrixDeviceDataStorageNand::VeltrixDeviceDataStorageNand(const NandAccess::Pointer&)",
-            "nand->GetWriteSize()==BLOCK_SIZE");
-    }
+    CORVID_ASSERT_EQ(
+        m_nand->GetWriteSize(), BLOCK_SIZE, "lib/hardware/vx_device_data", 76,
+        "VeltrixDeviceDataStorageNand::VeltrixDeviceDataStorageNand(const NandAccess::Pointer&)",
+        "nand->GetWriteSize()==BLOCK_SIZE");
 }
 
 void VeltrixDeviceDataStorageNand::FindStart() const
@@ -135,32 +109,79 @@ std::string VeltrixDeviceDataStorageNand::ReadImage(const ChunkFilter& filter) c
 {
     FindStart();
     const std::uint32_t magic = ReadWordAt(m_start);
-    if (magic == ERASED_WORD)
+    if (magic == DEVICE_DATA_ERASED_WORD)
         return std::string();
-    if (magic != MAGIC)
+    if (magic != DEVICE_DATA_MAGIC)
         throw std::runtime_error("Veltrix device data is corrupt");
 
-    std::string image(IMAGE_HEADER_SIZE, '\0');
-    ReadAt(m_start, image.data(), IMAGE_HEADER_SIZE);
+    std::string image(DEVICE_DATA_HEADER_SIZE, '\0');
+    ReadAt(m_start, image.data(), DEVICE_DATA_HEADER_SIZE);
 
     const std::size_t erase_size = m_nand->GetEraseSize();
-    std::uint64_t position = m_start + IMAGE_HEADER_SIZE;
+    std::uint64_t position = m_start + DEVICE_DATA_HEADER_SIZE;
     for (;;) {
-        char header[CHUNK_HEADER_SIZE];
+        char header[DEVICE_DATA_CHUNK_HEADER_SIZE];
         ReadAt(position, header, sizeof header);
-        if (LoadLe32(header) == ERASED_WORD)
+        if (LoadLe32(header) == DEVICE_DATA_ERASED_WORD)
             return image;
         const std::uint32_t length = LoadLe32(header + 4);
         if (length > erase_size)
             throw std::runtime_error("Veltrix device data section too large");
-        if (!filter || filter(std::string(header, 4))) {
+        if (!filter || filter(std::string(header, DEVICE_DATA_TAG_SIZE))) {
             const std::size_t at = image.size();
             image.append(header, sizeof header);
             image.resize(at + sizeof header + length);
             ReadAt(position + sizeof header, image.data() + at + sizeof header, length);
         }
-        position += CHUNK_HEADER_SIZE + length;
+        position += DEVICE_DATA_CHUNK_HEADER_SIZE + length;
     }
+}
+
+std::string DeviceDataDigest(std::string_view payload)
+{
+    return ComputeDigest(GCRY_MD_SHA1, payload);
+}
+
+void ForEachDeviceDataChunk(std::string_view list,
+                            const std::function<void(const DeviceDataChunk&)>& visit)
+{
+    std::size_t q = 0;
+    while (q + DEVICE_DATA_CHUNK_HEADER_SIZE <= list.size()) {
+        // Compared unsigned: a length with the top bit set is too large as well.
+        const std::uint32_t length = LoadLe32(list.data() + q + DEVICE_DATA_TAG_SIZE);
+        if (length > DEVICE_DATA_MAX_CHUNK_LENGTH)
+            throw std::runtime_error("Veltrix device data section too large");
+        if (length > list.size() - q - DEVICE_DATA_CHUNK_HEADER_SIZE)
+            throw std::runtime_error("Veltrix device data incomplete");
+        const std::size_t size = DEVICE_DATA_CHUNK_HEADER_SIZE + length;
+        visit(DeviceDataChunk{q, list.substr(q, size)});
+        q += size;
+    }
+}
+
+void CheckDeviceDataChunk(const DeviceDataChunk& chunk, const DeviceDataChunkHandler& on_chunk,
+                          const DeviceDataCorruptHandler& on_corrupt)
+{
+    if (!chunk.HasDigest()) {
+        corvid::PrintGuarded("Veltrix device data chunk too small\n");
+        return;
+    }
+    const std::string computed = DeviceDataDigest(chunk.Payload());
+    if (computed != chunk.Digest()) {
+        const auto bytes = [](std::string_view text) {
+            return reinterpret_cast<const std::uint8_t*>(text.data());
+        };
+        corvid::PrintGuarded("Veltrix device data chunk failed integrity check\n");
+        HexDump(bytes(chunk.bytes), chunk.bytes.size());
+        corvid::PrintGuarded("Calculated hash\n");
+        HexDump(bytes(computed), computed.size());
+        corvid::PrintGuarded("Expected hash\n");
+        HexDump(bytes(chunk.Digest()), DEVICE_DATA_DIGEST_SIZE);
+        if (on_corrupt)
+            on_corrupt(chunk.Tag());
+        return;
+    }
+    on_chunk(chunk.Tag(), std::string(chunk.Payload()));
 }
 
 void ParseDeviceData(const std::string& image, const DeviceDataChunkHandler& on_chunk,
@@ -168,71 +189,10 @@ void ParseDeviceData(const std::string& image, const DeviceDataChunkHandler& on_
 {
     if (image.empty())
         return;
-    if (image.size() < IMAGE_HEADER_SIZE || LoadLe32(image.data()) != MAGIC)
+    if (image.size() < DEVICE_DATA_HEADER_SIZE || LoadLe32(image.data()) != DEVICE_DATA_MAGIC)
         throw std::runtime_error("Veltrix device data is corrupt");
-    if (image.size() < IMAGE_HEADER_SIZE + CHUNK_HEADER_SIZE)
-        return;
-
-    std::size_t q = IMAGE_HEADER_SIZE;
-    while (q + CHUNK_HEADER_SIZE <= image.size()) {
-        const char* chunk = image.data() + q;
-        // Compared unsigned: a length with the top bit set is too large as well.
-        const std::uint32_t length = LoadLe32(chunk + 4);
-        if (length > DEVICE_DATA_MAX_CHUNK_LENGTH)
-            throw std::runtime_error("Veltrix device data section too large");
-        if (length > image.size() - q - CHUNK_HEADER_SIZE)
-            throw std::runtime_error("Veltrix device data incomplete");
-        const std::size_t chunk_size = CHUNK_HEADER_SIZE + length;
-        if (length < DEVICE_DATA_DIGEST_SIZE) {
-            corvid::PrintError("Veltrix device data chunk too small\n");
-            q += chunk_size;
-            continue;
-        }
-        const std::string tag(chunk, 4);
-        const char* payload = chunk + CHUNK_HEADER_SIZE;
-        const std::size_t payload_size = length - DEVICE_DATA_DIGEST_SIZE;
-        const std::string computed = Sha1(std::string_view(payload, payload_size));
-        const auto* stored = reinterpret_cast<const std::uint8_t*>(payload + payload_size);
-        if (std::memcmp(computed.data(), stored, computed.size()) != 0) {
-            corvid::PrintError("Veltrix device data chunk failed integrity check\n");
-            HexDump(reinterpret_cast<const std::uint8_t*>(chunk), chunk_size);
-            corvid::PrintError("Calculated hash\n");
-            HexDump(reinterpret_cast<const std::uint8_t*>(computed.data()), computed.size());
-            corvid::PrintError("Expected hash\n");
-            HexDump(stored, DEVICE_DATA_DIGEST_SIZE);
-            if (on_corrupt)
-                on_corrupt(tag);
-        } else {
-            on_chunk(tag, std::string(payload, payload_size));
-        }
-        q += chunk_size;
-    }
-}
-
-std::string EncodeDeviceDataChunk(const std::string& tag, const std::string& payload)
-{
-    if (tag.size() != 4)
-        throw std::invalid_argument("Device data tag must be 4 bytes: '" + tag + "'");
-    if (LoadLe32(tag.data()) == ERASED_WORD)
-        throw std::invalid_argument("Device data tag must not read as erased flash");
-    if (payload.size() > DEVICE_DATA_MAX_CHUNK_LENGTH - DEVICE_DATA_DIGEST_SIZE)
-        throw std::length_error("Device data payload too large: " + std::to_string(payload.size()) +
-                                " bytes");
-    const std::string digest = Sha1(payload);
-    std::string chunk = tag;
-    AppendLe32(chunk, static_cast<std::uint32_t>(payload.size() + DEVICE_DATA_DIGEST_SIZE));
-    chunk += payload;
-    chunk += digest;
-    return chunk;
-}
-
-std::string EncodeDeviceDataImage(const std::vector<std::string>& encoded_chunks,
-                                  std::uint32_t header_word)
-{
-    std::string image;
-    AppendLe32(image, MAGIC);
-    AppendLe32(image, header_word);
-    for (const std::string& chunk : encoded_chunks)
-        image += chunk;
-    return image;
+    ForEachDeviceDataChunk(std::string_view(image).substr(DEVICE_DATA_HEADER_SIZE),
+                           [&](const DeviceDataChunk& chunk) {
+                               CheckDeviceDataChunk(chunk, on_chunk, on_corrupt);
+                           });
 }

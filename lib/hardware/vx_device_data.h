@@ -12,9 +12,19 @@
 #include <cstdint>
 #include <functional>
 #include <string>
-#include <vector>
+#include <string_view>
 
 #include "hardware/nand_access.h"
+
+// The format.
+inline constexpr std::uint32_t DEVICE_DATA_MAGIC = 0x44445856;        // "VXDD"
+inline constexpr std::uint32_t DEVICE_DATA_ERASED_WORD = 0xFFFFFFFF; // ends the chunk list
+inline constexpr std::size_t DEVICE_DATA_HEADER_SIZE = 8;             // magic, header word
+inline constexpr std::size_t DEVICE_DATA_TAG_SIZE = 4;
+inline constexpr std::size_t DEVICE_DATA_CHUNK_HEADER_SIZE = 8;       // tag, length
+inline constexpr std::size_t DEVICE_DATA_DIGEST_SIZE = 20;            // SHA-1 of the payload
+// The largest chunk length (everything after the chunk header) the parser accepts.
+inline constexpr std::uint32_t DEVICE_DATA_MAX_CHUNK_LENGTH = 0x20000;
 
 // Reads the device-data partition through a one-page cache. Only NAND with
 // 2048-byte pages is supported.
@@ -41,34 +51,50 @@ private:
     mutable std::uint64_t m_start = 0;
 };
 
+// One chunk of a chunk list, as the walk below hands it out: its length is
+// known to fit the list and the parser's limit.
+struct DeviceDataChunk {
+    std::size_t offset;     // of the chunk header, from the start of the list
+    std::string_view bytes; // the whole chunk: header, payload and digest
+
+    std::string Tag() const { return std::string(bytes.substr(0, DEVICE_DATA_TAG_SIZE)); }
+    // Everything after the chunk header (the length field).
+    std::size_t Length() const { return bytes.size() - DEVICE_DATA_CHUNK_HEADER_SIZE; }
+    // False for a chunk too short to hold its digest.
+    bool HasDigest() const { return Length() >= DEVICE_DATA_DIGEST_SIZE; }
+    std::string_view Payload() const
+    {
+        return bytes.substr(DEVICE_DATA_CHUNK_HEADER_SIZE, Length() - DEVICE_DATA_DIGEST_SIZE);
+    }
+    std::string_view Digest() const { return bytes.substr(bytes.size() - DEVICE_DATA_DIGEST_SIZE); }
+};
+
+// Walks a list of chunks laid back to back (an image without its 8-byte
+// header, or a factory chunk file), calling visit for each in order. Each
+// chunk's length is checked before visit sees it: a length above
+// DEVICE_DATA_MAX_CHUNK_LENGTH (compared unsigned) throws std::runtime_error
+// "Veltrix device data section too large", a chunk that runs past the end of
+// the list "Veltrix device data incomplete". Fewer than 8 bytes left end the
+// walk. Chunks visited before an error stay visited.
+void ForEachDeviceDataChunk(std::string_view list,
+                            const std::function<void(const DeviceDataChunk&)>& visit);
+
 using DeviceDataChunkHandler =
     std::function<void(const std::string& tag, const std::string& payload)>;
 using DeviceDataCorruptHandler = std::function<void(const std::string& tag)>;
 
-// Walks an image read by ReadImage: every chunk whose SHA-1 matches goes to
-// on_chunk; a chunk whose digest does not match is reported on standard error
-// and, when on_corrupt is set, passed to it; a chunk too short to hold a
-// digest is reported and skipped. Structural damage throws std::runtime_error
-// and ends the walk; chunks already delivered stay delivered.
+// Checks one chunk the way the player does: a chunk too short to hold a
+// digest is reported on standard error ("Veltrix device data chunk too
+// small"); one whose SHA-1 does not match is reported with dumps and passed
+// to on_corrupt when set; an intact one goes to on_chunk.
+void CheckDeviceDataChunk(const DeviceDataChunk& chunk, const DeviceDataChunkHandler& on_chunk,
+                          const DeviceDataCorruptHandler& on_corrupt = DeviceDataCorruptHandler());
+
+// Walks an image read by ReadImage: checks its header, then every chunk with
+// CheckDeviceDataChunk. Structural damage throws std::runtime_error and ends
+// the walk; chunks already delivered stay delivered.
 void ParseDeviceData(const std::string& image, const DeviceDataChunkHandler& on_chunk,
                      const DeviceDataCorruptHandler& on_corrupt = DeviceDataCorruptHandler());
 
-// Factory side. One chunk: the 4-byte tag, the length, the payload and its
-// SHA-1. Throws std::invalid_argument for a tag that is not 4 bytes or reads
-// as erased flash, std::length_error for a payload the player would refuse.
-std::string EncodeDeviceDataChunk(const std::string& tag, const std::string& payload);
-
-// A whole image: "VXDD", the header word, then the encoded chunks back to
-// back. No padding and no end marker: the erased flash after it ends the list.
-std::string EncodeDeviceDataImage(const std::vector<std::string>& encoded_chunks,
-                                  std::uint32_t header_word = 0);
-
-// The largest chunk length (everything after the 8-byte chunk header) that
-// the parser accepts.
-inline constexpr std::uint32_t DEVICE_DATA_MAX_CHUNK_LENGTH = 0x20000;
-// Size of the SHA-1 digest at the end of every chunk.
-inline constexpr std::size_t DEVICE_DATA_DIGEST_SIZE = 20;
-
-// The little-endian 32-bit number at bytes (the format's tags, lengths and
-// header words).
-std::uint32_t LoadLe32(const void* bytes);
+// The SHA-1 digest that protects a chunk's payload.
+std::string DeviceDataDigest(std::string_view payload);

@@ -1,5 +1,7 @@
 #include "platform/assert.h"
 
+#include "platform/handles.h"
+
 #include <unistd.h>
 
 #include <cinttypes>
@@ -11,10 +13,11 @@ namespace corvid {
 namespace {
 
 // The report proper; format may be null for the plain report.
-void Report(const char* kmsg_path, const char* file, unsigned line, const char* function,
-            const char* expression, const char* format, std::va_list* args) noexcept
+void Report(const char* file, unsigned line, const char* function, const char* expression,
+            const char* format, std::va_list* args) noexcept
 {
-    if (std::FILE* kmsg = std::fopen(kmsg_path, "ae")) {
+    if (const UniqueFile log{std::fopen(KMSG_PATH, "ae")}) {
+        std::FILE* kmsg = log.Get();
         if (format) {
             std::fprintf(kmsg, "<2>User space assert from %d: %s\n", getpid(), expression);
             std::vfprintf(kmsg, format, *args);
@@ -22,8 +25,7 @@ void Report(const char* kmsg_path, const char* file, unsigned line, const char* 
             std::fprintf(kmsg, "<2>User space assert from process %d: %s\n", getpid(), expression);
         }
         std::fprintf(kmsg, "ASSERT Executing %s:%u:%s\n", file, line, function);
-        std::fclose(kmsg);
-        return;
+        return; // closing the stream flushes the records
     }
     std::fflush(stdout);
     if (format) {
@@ -38,26 +40,10 @@ void Report(const char* kmsg_path, const char* file, unsigned line, const char* 
 
 } // namespace
 
-void AssertionReportTo(const char* kmsg_path, const char* file, unsigned line,
-                       const char* function, const char* expression) noexcept
-{
-    Report(kmsg_path, file, line, function, expression, nullptr, nullptr);
-}
-
-void AssertionReportFormattedTo(const char* kmsg_path, const char* file, unsigned line,
-                                const char* function, const char* expression,
-                                const char* format, ...) noexcept
-{
-    std::va_list args;
-    va_start(args, format);
-    Report(kmsg_path, file, line, function, expression, format, &args);
-    va_end(args);
-}
-
 void AssertionReport(const char* file, unsigned line, const char* function,
                      const char* expression) noexcept
 {
-    Report(KMSG_PATH, file, line, function, expression, nullptr, nullptr);
+    Report(file, line, function, expression, nullptr, nullptr);
 }
 
 void AssertionReportFormatted(const char* file, unsigned line, const char* function,
@@ -65,7 +51,7 @@ void AssertionReportFormatted(const char* file, unsigned line, const char* funct
 {
     std::va_list args;
     va_start(args, format);
-    Report(KMSG_PATH, file, line, function, expression, format, &args);
+    Report(file, line, function, expression, format, &args);
     va_end(args);
 }
 
@@ -74,6 +60,15 @@ void AssertionFailed(const char* file, unsigned line, const char* function,
 {
     AssertionReport(file, line, function, expression);
     std::abort();
+}
+
+void AssertionFailedEqual(std::uint64_t lhs, std::uint64_t rhs, const char* file, unsigned line,
+                          const char* function, const char* expression) noexcept
+{
+    DumpNamedValue("LHS", lhs);
+    DumpNamedValue("RHS", rhs);
+    std::fflush(stdout);
+    AssertionFailed(file, line, function, expression);
 }
 
 void DumpNamedValue(const char* name, std::uint64_t value) noexcept

@@ -31,27 +31,6 @@ ErrnoException::ErrnoException(int error, const std::string& context)
 {
 }
 
-UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept
-{
-    if (this != &other)
-        Reset(other.Release());
-    return *this;
-}
-
-int UniqueFd::Release() noexcept
-{
-    const int fd = m_fd;
-    m_fd = -1;
-    return fd;
-}
-
-void UniqueFd::Reset(int fd) noexcept
-{
-    if (m_fd >= 0)
-        ::close(m_fd);
-    m_fd = fd;
-}
-
 UniqueFd OpenThrow(const std::string& path, int flags, mode_t mode)
 {
     const int fd = ::open(path.c_str(), flags | O_CLOEXEC, mode);
@@ -86,9 +65,8 @@ void write_all_throw(int fd, const void* buf, std::size_t n)
         const ssize_t w = ::write(fd, p, n);
         if (w < 0)
             throw ErrnoException(errno);
-        if (w == 0)
-            AssertionFailed("lib/platform/posix_helpers.cpp", 581,
-                            "void corvid::write_all_throw(int, const void*, size_t)", "n != 0");
+        CORVID_ASSERT(w != 0, "lib/platform/posix_helpers.cpp", 581,
+                      "void corvid::write_all_throw(int, const void*, size_t)", "n != 0");
         p += w;
         n -= static_cast<std::size_t>(w);
     }
@@ -139,31 +117,6 @@ HardwareAddress NetworkInterfaceSocket::GetHardwareAddress() const
 void GetInterfaceHardwareAddress(const char* name, HardwareAddress& mac)
 {
     mac = NetworkInterfaceSocket(name).GetHardwareAddress();
-}
-
-std::string ReadLengthPrefixedString(const char*& cursor, const char* end)
-{
-    if (end - cursor < 2)
-        throw std::runtime_error("Incorrectly expressed string");
-    const std::size_t length = static_cast<unsigned char>(cursor[0]) |
-                               static_cast<std::size_t>(static_cast<unsigned char>(cursor[1])) << 8;
-    cursor += 2;
-    if (length > static_cast<std::size_t>(end - cursor))
-        throw std::runtime_error("Incorrectly expressed string");
-    std::string value(cursor, length);
-    cursor += length;
-    return value;
-}
-
-std::string WriteLengthPrefixedString(std::string_view bytes)
-{
-    const std::size_t length = bytes.size() & 0xFFFF;
-    std::string encoded;
-    encoded.reserve(2 + length);
-    encoded.push_back(static_cast<char>(length & 0xFF));
-    encoded.push_back(static_cast<char>(length >> 8));
-    encoded.append(bytes.substr(0, length));
-    return encoded;
 }
 
 } // namespace corvid

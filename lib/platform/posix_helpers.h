@@ -10,6 +10,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/handles.h"
+
 namespace corvid {
 
 // The exception of a failed system call: the error number and an optional
@@ -26,26 +28,6 @@ public:
 private:
     int m_errno;
     std::string m_context;
-};
-
-// An owned file descriptor, closed on destruction.
-class UniqueFd {
-public:
-    UniqueFd() noexcept = default;
-    explicit UniqueFd(int fd) noexcept : m_fd(fd) {}
-    UniqueFd(UniqueFd&& other) noexcept : m_fd(other.Release()) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept;
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-    ~UniqueFd() { Reset(); }
-
-    int Get() const noexcept { return m_fd; }
-    bool IsOpen() const noexcept { return m_fd >= 0; }
-    int Release() noexcept;
-    void Reset(int fd = -1) noexcept;
-
-private:
-    int m_fd = -1;
 };
 
 // Opens path with O_CLOEXEC added to flags; throws ErrnoException(errno, path).
@@ -91,13 +73,5 @@ private:
 
 // Fills mac with the hardware address of the named interface.
 void GetInterfaceHardwareAddress(const char* name, HardwareAddress& mac);
-
-// Reads a 16-bit little-endian length and that many bytes from [cursor, end)
-// and advances the cursor past them. Throws std::runtime_error
-// "Incorrectly expressed string" when the length or the bytes are missing.
-std::string ReadLengthPrefixedString(const char*& cursor, const char* end);
-
-// Encodes bytes as a length-prefixed string (the low 16 bits of the length).
-std::string WriteLengthPrefixedString(std::string_view bytes);
 
 } // namespace corvid

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdlib>
 #include <string>
 #include <string_view>
 
@@ -21,8 +22,8 @@ constexpr std::string_view TypeName()
     return pretty.substr(begin, end - begin);
 }
 
+// "<prefix> [with T = <type_name>]", the signature in a report.
 std::string SingletonSignature(std::string_view prefix, std::string_view type_name);
-[[noreturn]] void SingletonInvalidPointer(const void* pointer, std::string_view type_name) noexcept;
 } // namespace detail
 
 // Base class that gives T one process-wide instance. The owner constructs
@@ -33,23 +34,21 @@ class Singleton {
 public:
     Singleton()
     {
-        if (sm_instance != nullptr) {
-            const std::string function = detail::SingletonSignature(
-                "corvid::Singleton<T>::Singleton()", detail::TypeName<T>());
-            AssertionFailed("lib/platform/singleton", 51, function.c_str(),
-                            "sm_instance == __null");
-        }
+        CORVID_ASSERT(sm_instance == nullptr, "lib/platform/singleton", 51,
+                      detail::SingletonSignature("corvid::Singleton<T>::Singleton()",
+                                                 detail::TypeName<T>())
+                          .c_str(),
+                      "sm_instance == __null");
         sm_instance = static_cast<T*>(this);
     }
 
     ~Singleton()
     {
-        if (sm_instance != static_cast<T*>(this)) {
-            const std::string function = detail::SingletonSignature(
-                "corvid::Singleton<T>::~Singleton()", detail::TypeName<T>());
-            AssertionFailed("lib/platform/singleton", 58, function.c_str(),
-                            "sm_instance == this");
-        }
+        CORVID_ASSERT(sm_instance == static_cast<T*>(this), "lib/platform/singleton", 58,
+                      detail::SingletonSignature("corvid::Singleton<T>::~Singleton()",
+                                                 detail::TypeName<T>())
+                          .c_str(),
+                      "sm_instance == this");
         sm_instance = nullptr;
     }
 
@@ -60,8 +59,11 @@ public:
     {
         T* p = sm_instance;
         const auto address = reinterpret_cast<std::uintptr_t>(p);
-        if (address <= 4095 || address % 8 != 0)
-            detail::SingletonInvalidPointer(p, detail::TypeName<T>());
+        CORVID_ASSERT_DETAIL(address > 4095 && address % 8 == 0, "lib/platform/singleton", 71,
+                             detail::SingletonSignature("static T* corvid::Singleton<T>::GetInstance()",
+                                                        detail::TypeName<T>())
+                                 .c_str(),
+                             "Invalid pointer", "Pointer=%p\n", static_cast<void*>(p));
         return p;
     }
 

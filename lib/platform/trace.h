@@ -46,16 +46,18 @@ void GuardedPrint(std::FILE* stream, std::string_view format, const Args&... arg
     }
 }
 
-// The guarded print to standard error.
+// The guarded print to standard error: a formatting or writing failure is
+// reported in place of the message and never escapes.
 template <typename... Args>
-void PrintError(std::string_view format, const Args&... args)
+void PrintGuarded(std::string_view format, const Args&... args)
 {
     GuardedPrint(stderr, format, args...);
 }
 
-// A plain formatted print to standard error: exceptions propagate.
+// The plain print to standard error: a formatting or writing failure
+// escapes to the caller as an exception.
 template <typename... Args>
-void Print(std::string_view format, const Args&... args)
+void PrintPlain(std::string_view format, const Args&... args)
 {
     fmt::vprint(stderr, format, fmt::make_format_args(args...));
 }

@@ -7,7 +7,7 @@
 #include "check/driver.h"
 #include "check/hardware_failure.h"
 #include "platform/posix_helpers.h"
-#include "support/sandbox.h"
+#include "support/fake_context.h"
 
 namespace {
 
@@ -55,7 +55,7 @@ TEST(RunChecks, StatusMessageAndPatternPerKindOfFailure)
 
 TEST(RunChecks, PatternThatCannotBeShownKeepsTheStatus)
 {
-    const Outcome hardware = RunFrame([] { throw HardwareFailure("Insufficient memory detected", ERROR_LED_MEMORY); }, true);
+    const Outcome hardware = RunFrame([] { throw HardwareFailure("Insufficient memory detected", ERROR_LED_GENERAL); }, true);
     EXPECT_EQ(hardware.status, 1);
     EXPECT_EQ(hardware.err,
               "ERROR: Insufficient memory detected\n"
@@ -64,47 +64,35 @@ TEST(RunChecks, PatternThatCannotBeShownKeepsTheStatus)
     EXPECT_EQ(RunFrame([] { throw 1; }, true).status, 2);
 }
 
-class CheckMemoryTest : public testing::Test {
-protected:
-    // Runs the memory check on a meminfo text; returns the failure message
-    // or "" and the standard error output.
-    std::pair<std::string, std::string> Check(const std::string& meminfo)
-    {
-        const std::string path = m_dir.WriteFile("meminfo", meminfo);
-        testing::internal::CaptureStderr();
-        std::string failure;
-        try {
-            CheckMemory(path);
-        } catch (const HardwareFailure& e) {
-            EXPECT_EQ(e.GetPattern(), ERROR_LED_MEMORY);
-            failure = e.what();
-        }
-        return {failure, testing::internal::GetCapturedStderr()};
+// The memory check on a meminfo text: the failure message or "", and
+// standard error.
+std::pair<std::string, std::string> CheckMemoryOf(const std::string& meminfo)
+{
+    FakeContext context;
+    context.WriteFile("/proc/meminfo", meminfo);
+    testing::internal::CaptureStderr();
+    std::string failure;
+    try {
+        CheckMemory();
+    } catch (const HardwareFailure& e) {
+        EXPECT_EQ(e.GetPattern(), ERROR_LED_GENERAL);
+        failure = e.what();
     }
-    vxtest::TempDir m_dir;
-};
-
-TEST_F(CheckMemoryTest, ThresholdIs200MiB)
-{
-    EXPECT_EQ(Check("MemTotal:         204800 kB\nMemFree: 1 kB\n"), std::make_pair(std::string(), std::string()));
-    EXPECT_EQ(Check("MemFree: 1 kB\nMemTotal:  204799 kB\n"),
-              std::make_pair(std::string("Insufficient memory detected"),
-                             std::string("Insufficient memory detected: 204799KB.\n")));
+    return {failure, testing::internal::GetCapturedStderr()};
 }
 
-TEST_F(CheckMemoryTest, NumberIsReadLikeStrtoulInBaseZero)
+TEST(CheckMemory, ThresholdIs200MiBReadLikeStrtoulInBaseZero)
 {
-    EXPECT_EQ(Check("MemTotal: 0x32000 kB\n").first, "");  // 204800
-    EXPECT_EQ(Check("MemTotal: 0620000 kB\n").first, "");  // 204800 in octal
-    EXPECT_EQ(Check("MemTotal: 0617777 kB\n").second, "Insufficient memory detected: 204799KB.\n");
-    EXPECT_EQ(Check("MemTotal:\tkB\n").second, "Insufficient memory detected: 0KB.\n");
-}
-
-TEST_F(CheckMemoryTest, MissingTotalIsAHardwareFailure)
-{
-    EXPECT_EQ(Check("MemFree: 1 kB\nMemTotalx: 204800 kB\n"),
-              std::make_pair(std::string("Can't determine memory configuration"), std::string()));
-    EXPECT_EQ(Check("").first, "Can't determine memory configuration");
+    using Result = std::pair<std::string, std::string>;
+    const Result passed{"", ""};
+    const Result low{"Insufficient memory detected", "Insufficient memory detected: 204799KB.\n"};
+    EXPECT_EQ(CheckMemoryOf("MemTotal:         204800 kB\nMemFree: 1 kB\n"), passed);
+    EXPECT_EQ(CheckMemoryOf("MemFree: 1 kB\nMemTotal:  204799 kB\n"), low);
+    EXPECT_EQ(CheckMemoryOf("MemTotal: 0x32000 kB\n"), passed);   // 204800
+    EXPECT_EQ(CheckMemoryOf("MemTotal: 0617777 kB\n"), low);      // 204799 in octal
+    EXPECT_EQ(CheckMemoryOf("MemTotal:\tkB\n").second, "Insufficient memory detected: 0KB.\n");
+    for (const char* text : {"MemFree: 1 kB\nMemTotalx: 204800 kB\n", ""})
+        EXPECT_EQ(CheckMemoryOf(text), Result("Can't determine memory configuration", ""));
 }
 
 } // namespace

@@ -5,11 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include "factory/records.h"
+#include "factory/rsa_signer.h"
 #include "hardware/blessings.h"
-#include "hardware/rsa_signer.h"
 #include "hardware/signature_verifier.h"
-#include "support/crypto_oracle.h"
-#include "support/memory_nand.h"
+#include "support/fake_nand.h"
+#include "support/oracles.h"
 
 namespace {
 
@@ -35,7 +36,7 @@ std::string Payload(const std::string& key, const std::string& tag, const std::s
 std::string Enumerate(const std::vector<std::string>& chunks,
                       const blessings::BlessingHandler& handler, const std::string& secure_id = ID)
 {
-    auto nand = MemoryNandAccess::Create(8 * 0x20000, 0x20000);
+    auto nand = FakeNand::Create(8 * 0x20000, 0x20000);
     nand->PokeGood(EncodeDeviceDataImage(chunks));
     testing::internal::CaptureStderr();
     blessings::EnumerateBlessings(VeltrixDeviceDataStorageNand(nand), secure_id, SERIAL, handler);
@@ -108,12 +109,12 @@ TEST(VerifyBlessing, MalformedPayloadsAndTheFactoryBuilder)
     const GcrySexp private_key = LoadPrivateKeyFile(vxtest::TestPrivateKey("blessing-2"));
     for (const auto& [tag, parameter] : {std::pair{"BLES", "4k"}, {"BLES", ""}, {"BOON", "x"}}) {
         const std::string payload =
-            blessings::MakeBlessingPayload(tag, "n1:n2", parameter, ID, SERIAL, private_key);
+            MakeBlessingPayload(tag, "n1:n2", parameter, ID, SERIAL, private_key);
         EXPECT_EQ(payload, Payload("blessing-2", tag, "n1:n2", parameter));
         EXPECT_EQ(verify(tag, payload), "n1:n2");
     }
     for (const auto& [tag, names] : {std::pair{"BOON", "a:eac3"}, {"CONF", "a"}, {"BLES", "::"}})
-        EXPECT_THROW(blessings::MakeBlessingPayload(tag, names, "", ID, SERIAL, private_key),
+        EXPECT_THROW(MakeBlessingPayload(tag, names, "", ID, SERIAL, private_key),
                      std::invalid_argument);
 }
 

@@ -1,27 +1,29 @@
 // The /proc/mtd lookup and the opening failures. The device class itself is
 // exercised against the kernel's MTD driver on the simulated player.
 #include <cerrno>
-#include <functional>
 #include <stdexcept>
 #include <string>
 #include <tuple>
-#include <utility>
 
 #include <gtest/gtest.h>
 
 #include "hardware/nand_access_linux.h"
-#include "platform/posix_helpers.h"
-#include "support/sandbox.h"
+#include "support/fake_context.h"
+#include "support/oracles.h"
 
 namespace {
 
+using vxtest::ErrnoOf;
+using vxtest::WhatOf;
+
 TEST(MtdTableTest, NameMatchingAndMalformedTables)
 {
-    vxtest::TempDir dir;
+    FakeContext context;
     // The device found, or the message of the error.
     const auto lookup = [&](const std::string& name, const std::string& table) {
+        context.WriteFile(MTD_TABLE_PATH, table);
         try {
-            return FindMtdPartition(name, dir.WriteFile("mtd", table)).device;
+            return FindMtdPartition(name).device;
         } catch (const std::runtime_error& e) {
             return std::string(e.what());
         }
@@ -31,7 +33,8 @@ TEST(MtdTableTest, NameMatchingAndMalformedTables)
                                       "mtd5: 00200000 00020000 \"flash0.nvram\"\n"
                                       "mtd6 00020000 00020000 \"half\n"
                                       "mtd13:: 00040000 00020000 other\"\n";
-    const MtdPartition other = FindMtdPartition("other", dir.WriteFile("mtd", rows));
+    context.WriteFile(MTD_TABLE_PATH, rows);
+    const MtdPartition other = FindMtdPartition("other");
     // One colon is removed from the device column.
     EXPECT_EQ(std::tie(other.device, other.size, other.erase_size, other.name),
               std::make_tuple("/dev/mtd13:", 0x40000u, 0x20000u, "other"));
@@ -42,34 +45,25 @@ TEST(MtdTableTest, NameMatchingAndMalformedTables)
         EXPECT_EQ(lookup(name, rows), none + "'" + name + "'");
 
     EXPECT_EQ(lookup("a", ""), "Failed to read /proc/mtd");
-    EXPECT_EQ(lookup("a", header), none + "'a'");
     // A row that does not scan ends the search; so does a short last row.
     EXPECT_EQ(lookup("b", header + "mtd0: 0020zz00 00020000 a\nmtd1: 1 1 b\n"), none + "'b'");
     EXPECT_EQ(lookup("b", header + "mtd1: 00100000 00020000\n"), none + "'b'");
     const std::string long_name(3000, 'n');
     EXPECT_EQ(lookup(long_name, header + "mtd9: 1 1 \"" + long_name + "\"\n"), "/dev/mtd9");
+
+    std::remove(context.Path(MTD_TABLE_PATH).c_str());
+    EXPECT_EQ(ErrnoOf([] { FindMtdPartition("flash0.nvram"); }), std::make_pair(ENOENT, std::string()));
 }
 
-TEST(LinuxNandAccessTest, FailuresThrowErrnoExceptions)
+TEST(LinuxNandAccessTest, OpeningFailuresThrowErrnoExceptions)
 {
-    const auto errno_of = [](const std::function<void()>& action) {
-        try {
-            action();
-        } catch (const corvid::ErrnoException& e) {
-            return std::make_pair(e.GetErrno(), e.GetContext());
-        }
-        return std::make_pair(0, std::string("(no exception)"));
-    };
     vxtest::TempDir dir;
     const std::string absent = dir.Path() + "/absent";
-    EXPECT_EQ(errno_of([&] { FindMtdPartition("flash0.nvram", absent); }),
-              std::make_pair(ENOENT, std::string()));
-    EXPECT_EQ(errno_of([&] { LinuxNandAccess::Create(absent, LinuxNandAccess::WHOLE_DEVICE); }),
+    EXPECT_EQ(ErrnoOf([&] { LinuxNandAccess::Create(absent, LinuxNandAccess::WHOLE_DEVICE); }),
               std::make_pair(ENOENT, absent));
     // A regular file is no MTD device: the geometry query fails, without text.
     const MtdPartition plain{dir.WriteFile("plain", "x"), 0x20000, 0x20000, "p"};
-    EXPECT_EQ(errno_of([&] { LinuxNandAccess::Create(plain); }),
-              std::make_pair(ENOTTY, std::string()));
+    EXPECT_EQ(ErrnoOf([&] { LinuxNandAccess::Create(plain); }), std::make_pair(ENOTTY, std::string()));
 }
 
 } // namespace

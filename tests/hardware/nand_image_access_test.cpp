@@ -6,7 +6,8 @@
 #include <gtest/gtest.h>
 
 #include "hardware/nand_image_access.h"
-#include "support/sandbox.h"
+#include "support/oracles.h"
+#include "support/programs.h"
 
 namespace {
 
@@ -31,14 +32,7 @@ TEST(NandImageAccessTest, ReadsWritesAndErasesBlocksOfTheFile)
     EXPECT_EQ(nand->Read(4 * E - 3, buffer.data(), buffer.size()), 3u);
     EXPECT_EQ(buffer.substr(0, 3), "ddd");
 
-    const auto errno_of = [](auto action) {
-        try {
-            action();
-        } catch (const corvid::ErrnoException& e) {
-            return e.GetErrno();
-        }
-        return 0;
-    };
+    const auto errno_of = [](auto action) { return vxtest::ErrnoOf(action).first; };
     EXPECT_EQ(errno_of([&] { nand->Write(0, "x", 1); }), EBADF); // read-only
     NandImageAccess image(path, E, 2048, {1}, true);
     image.Write(2 * E, "xyz", 3);

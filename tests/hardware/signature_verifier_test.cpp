@@ -4,9 +4,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "hardware/rsa_signer.h"
+#include "factory/rsa_signer.h"
 #include "hardware/signature_verifier.h"
-#include "support/crypto_oracle.h"
+#include "support/oracles.h"
 
 namespace {
 
@@ -37,9 +37,7 @@ TEST(StoredKeys, AreTheConfiguredPemKeysInCanonicalFormAndParse)
     for (const auto& [key, name] : {std::pair{SrbPublicKey1(), "srb-1"}, {SrbPublicKey2(), "srb-2"},
                                     {BlessingPublicKey1(), "blessing-1"},
                                     {BlessingPublicKey2(), "blessing-2"}}) {
-        const std::string bytes(key.begin(), key.end());
-        EXPECT_EQ(bytes.size(), 298u) << name;
-        EXPECT_EQ(bytes, CanonicalPublicKey(VX_PUBLIC_KEYS_DIR + ("/" + std::string(name)) +
+        EXPECT_EQ(std::string(key.begin(), key.end()), CanonicalPublicKey(VX_PUBLIC_KEYS_DIR + ("/" + std::string(name)) +
                                             ".pub.pem"));
         EXPECT_EQ(gcry_pk_get_nbits(LoadPublicKey(key).get()), 2048u) << name;
     }
@@ -79,7 +77,6 @@ TEST(SignDigest, SignsLikeOpensslFromBothPemForms)
 
 TEST(InitialiseGcrypt, PinsTheVersionBuiltAgainst)
 {
-    EXPECT_NO_THROW(InitialiseGcrypt()); // already done before main: a no-op
     EXPECT_NO_THROW(CheckGcryptVersion(GCRYPT_VERSION));
     EXPECT_THAT([] { CheckGcryptVersion("99.0.0"); },
                 ThrowsMessage<Error>(StrEq("Incorrect libgcrypt version. Expected 99.0.0")));

@@ -4,10 +4,11 @@
 
 #include <gtest/gtest.h>
 
-#include "hardware/rsa_signer.h"
+#include "factory/records.h"
+#include "factory/rsa_signer.h"
 #include "hardware/srb.h"
 #include "platform/base64.h"
-#include "support/crypto_oracle.h"
+#include "support/oracles.h"
 
 namespace {
 

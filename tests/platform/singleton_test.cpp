@@ -7,7 +7,7 @@
 
 #include "platform/singleton.h"
 #include "support/kernel_log.h"
-#include "support/sandbox.h"
+#include "support/programs.h"
 
 class SingletonProbe : public corvid::Singleton<SingletonProbe> {
 public:

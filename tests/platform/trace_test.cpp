@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/trace.h"
-#include "support/sandbox.h"
+#include "support/programs.h"
 
 namespace {
 
@@ -52,7 +52,7 @@ TEST(GuardedPrint, FormatsOrReportsTheUnformattedText)
               "Message 'value {:q}\n' threw 'invalid type specifier'\n"
               "Message 'ERROR: {}\n' threw 'no text for this value'\n"
               "Message '{} {}\n' threw 'argument not found'\n");
-    EXPECT_THROW(corvid::Print("{:q}", 5), fmt::format_error); // the plain print lets it escape
+    EXPECT_THROW(corvid::PrintPlain("{:q}", 5), fmt::format_error); // the plain print lets it escape
 }
 
 TEST(StderrTrace, WritesTextAsItStandsAndFlushesOnDestruction)

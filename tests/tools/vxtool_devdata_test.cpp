@@ -6,29 +6,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "support/sandbox.h"
+#include "support/oracles.h"
+#include "support/programs.h"
 
 namespace {
 
-std::string Le32(std::uint32_t v)
-{
-    return {char(v & 0xFF), char(v >> 8 & 0xFF), char(v >> 16 & 0xFF), char(v >> 24 & 0xFF)};
-}
-
-// A chunk whose digest comes from coreutils' sha1sum, not from the project's code.
-std::string Sha1sumChunk(const std::string& tag, const std::string& payload)
-{
-    const std::string sum = vxtest::RunProgram("/usr/bin/sha1sum", {}, payload).out;
-    std::string chunk = tag + Le32(std::uint32_t(payload.size() + 20)) + payload;
-    for (std::size_t i = 0; i < 40; i += 2)
-        chunk.push_back(static_cast<char>(std::stoi(sum.substr(i, 2), nullptr, 16)));
-    return chunk;
-}
+using vxtest::Le32;
+using vxtest::Sha1sumChunk;
 
 // The exit status, ":", then standard output and standard error.
 std::string Vxtool(const std::vector<std::string>& args)
 {
-    const vxtest::RunResult r = vxtest::RunProgram(VX_VXTOOL_PATH, args);
+    const vxtest::RunResult r = vxtest::Vxtool(args);
     return std::to_string(r.exit_status) + ":" + r.out + r.err;
 }
 

@@ -6,28 +6,19 @@
 
 #include <gtest/gtest.h>
 
-#include "support/sandbox.h"
+#include "support/oracles.h"
+#include "support/programs.h"
 
 namespace {
 
 using vxtest::RunResult;
+using vxtest::Vxtool;
 
 constexpr std::size_t E = 16384;
 
-RunResult Vxtool(const std::vector<std::string>& args, const std::string& input = std::string())
-{
-    return vxtest::RunProgram(VX_VXTOOL_PATH, args, input);
-}
-
-// One erase block: a record for each text, the end byte, erased flash.
 std::string Block(const std::vector<std::string>& texts)
 {
-    std::string block;
-    for (const std::string& text : texts)
-        block += std::string("\x01", 1) + static_cast<char>(text.size() + 1) + '\0' + text;
-    block += '\0';
-    block.resize(E, '\xFF');
-    return block;
+    return vxtest::EnvironmentBlock(texts, E);
 }
 
 TEST(VxtoolEnvTest, PrintsTheEnvironmentOrTheLoadersReason)

@@ -6,8 +6,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "support/crypto_oracle.h"
-#include "support/sandbox.h"
+#include "support/oracles.h"
+#include "support/programs.h"
 
 namespace {
 
@@ -23,7 +23,7 @@ std::string Vxtool(const Args& args, const Args& more = {}, const std::string& i
 {
     Args all = args;
     all.insert(all.end(), more.begin(), more.end());
-    const vxtest::RunResult result = vxtest::RunProgram(VX_VXTOOL_PATH, all, input);
+    const vxtest::RunResult result = vxtest::Vxtool(all, input);
     return std::to_string(result.exit_status) + " " + result.out + result.err;
 }
 

@@ -2,9 +2,9 @@
 #include <string>
 
 #include "command.h"
+#include "factory/records.h"
+#include "factory/rsa_signer.h"
 #include "hardware/blessings.h"
-#include "hardware/rsa_signer.h"
-#include "hardware/vx_device_data.h"
 #include "platform/posix_helpers.h"
 
 namespace vxtool {
@@ -40,7 +40,7 @@ int Run(const Arguments& arguments)
     const GcrySexp key = LoadPrivateKeyFile(key_path);
     const std::string tag = boon ? blessings::BOON_TAG : blessings::BLESSING_TAG;
     const std::string payload =
-        blessings::MakeBlessingPayload(tag, names, parameter, secure_id, serial, key);
+        MakeBlessingPayload(tag, names, parameter, secure_id, serial, key);
     corvid::WriteWholeFile(output, EncodeDeviceDataChunk(tag, payload), 0644);
     return 0;
 }

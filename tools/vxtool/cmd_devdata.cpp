@@ -1,5 +1,4 @@
 // vxtool devdata: lists the chunks of the device-data partition.
-#include <cstdint>
 #include <cstdio>
 #include <string>
 
@@ -28,10 +27,10 @@ std::string PrintableTag(const std::string& tag)
 
 // Lists every chunk in flash order as "TAG<tab>PAYLOAD-LENGTH<tab>STATUS",
 // STATUS being "ok" or "corrupt"; a chunk too short to hold its digest is
-// listed as "TAG<tab>-<tab>too-small". Each chunk is checked by the player's
-// own parser on its own, so its messages appear on standard error next to
-// the chunk they concern, and a structural error ends the listing the way it
-// ends the player's walk.
+// listed as "TAG<tab>-<tab>too-small". The chunks are walked and checked by
+// the player's own code, so its messages appear on standard error next to
+// the chunk they concern, and a structural error ends the listing (after the
+// chunks before it) the way it ends the player's walk.
 int Run(const Arguments& arguments)
 {
     Arguments args = arguments;
@@ -42,31 +41,21 @@ int Run(const Arguments& arguments)
     const std::string image = storage.ReadImage();
     if (image.empty())
         return 0; // erased partition: no chunks
-    const std::string header = image.substr(0, 8);
+    // The header is checked by the player's parser, on the image without chunks.
+    ParseDeviceData(image.substr(0, DEVICE_DATA_HEADER_SIZE), [](const std::string&, const std::string&) {});
 
-    std::size_t at = 8;
-    while (at + 8 <= image.size()) {
-        const std::string tag = image.substr(at, 4);
-        const std::uint32_t length = LoadLe32(image.data() + at + 4);
-        // Hands the rest of the image to the parser, which throws the
-        // structural error it finds there.
-        if (length > DEVICE_DATA_MAX_CHUNK_LENGTH || length > image.size() - at - 8) {
-            ParseDeviceData(header + image.substr(at),
-                            [](const std::string&, const std::string&) {});
-            break;
-        }
+    ForEachDeviceDataChunk(std::string_view(image).substr(DEVICE_DATA_HEADER_SIZE),
+                           [](const DeviceDataChunk& chunk) {
         const char* status = "too-small";
-        ParseDeviceData(
-            header + image.substr(at, 8 + length),
-            [&](const std::string&, const std::string&) { status = "ok"; },
+        CheckDeviceDataChunk(
+            chunk, [&](const std::string&, const std::string&) { status = "ok"; },
             [&](const std::string&) { status = "corrupt"; });
-        if (length < DEVICE_DATA_DIGEST_SIZE)
-            fmt::print("{}\t-\t{}\n", PrintableTag(tag), status);
+        if (!chunk.HasDigest())
+            fmt::print("{}\t-\t{}\n", PrintableTag(chunk.Tag()), status);
         else
-            fmt::print("{}\t{}\t{}\n", PrintableTag(tag), length - DEVICE_DATA_DIGEST_SIZE, status);
+            fmt::print("{}\t{}\t{}\n", PrintableTag(chunk.Tag()), chunk.Payload().size(), status);
         std::fflush(stdout);
-        at += 8 + length;
-    }
+    });
     return 0;
 }
 

@@ -9,7 +9,9 @@
 #include <fmt/format.h>
 
 #include "command.h"
+#include "factory/records.h"
 #include "hardware/vx_device_data.h"
+#include "platform/binary_fields.h"
 #include "platform/posix_helpers.h"
 #include "source.h"
 
@@ -20,6 +22,10 @@ constexpr const char* USAGE =
     "--erase-size BYTES -o FILE [--header-word N] [--size BYTES] [--bad-blocks N,N,...] "
     "[--chunk TAG:PAYLOADFILE | CHUNKFILE]...";
 
+struct ChunkRefused : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
 // Splits a file of encoded chunks (one or more, back to back) and checks each
 // the way the player will: a proper tag, a length that holds the digest and
 // fits an erase block, and a matching SHA-1.
@@ -29,30 +35,30 @@ std::vector<std::string> ReadChunkFile(const std::string& path, std::size_t eras
     if (bytes.empty())
         throw std::runtime_error(fmt::format("{}: holds no chunk", path));
     std::vector<std::string> chunks;
-    std::size_t at = 0;
-    while (at < bytes.size()) {
-        if (bytes.size() - at < 8)
-            throw std::runtime_error(
-                fmt::format("{}: truncated chunk header at offset {}", path, at));
-        const std::string tag = bytes.substr(at, 4);
-        if (tag == "\xFF\xFF\xFF\xFF")
-            throw std::runtime_error(fmt::format("{}: erased flash at offset {}", path, at));
-        const std::uint32_t length = LoadLe32(bytes.data() + at + 4);
-        if (length < DEVICE_DATA_DIGEST_SIZE)
-            throw std::runtime_error(fmt::format("{}: chunk at offset {} too small", path, at));
-        if (length > erase_size || length > DEVICE_DATA_MAX_CHUNK_LENGTH)
-            throw std::runtime_error(
-                fmt::format("{}: chunk at offset {} longer than an erase block", path, at));
-        if (length > bytes.size() - at - 8)
-            throw std::runtime_error(fmt::format("{}: chunk at offset {} incomplete", path, at));
-        const std::string chunk = bytes.substr(at, 8 + length);
-        const std::string payload = chunk.substr(8, length - DEVICE_DATA_DIGEST_SIZE);
-        if (EncodeDeviceDataChunk(tag, payload) != chunk)
-            throw std::runtime_error(
-                fmt::format("{}: chunk at offset {} failed integrity check", path, at));
-        chunks.push_back(chunk);
-        at += 8 + length;
+    std::size_t end = 0; // of the last chunk taken
+    try {
+        ForEachDeviceDataChunk(bytes, [&](const DeviceDataChunk& chunk) {
+            const char* refusal = nullptr;
+            if (corvid::LoadLe32(chunk.bytes.data()) == DEVICE_DATA_ERASED_WORD)
+                refusal = "reads as erased flash";
+            else if (!chunk.HasDigest())
+                refusal = "too small";
+            else if (chunk.Length() > erase_size)
+                refusal = "longer than an erase block";
+            else if (DeviceDataDigest(chunk.Payload()) != chunk.Digest())
+                refusal = "failed integrity check";
+            if (refusal)
+                throw ChunkRefused(fmt::format("{}: chunk at offset {} {}", path, chunk.offset, refusal));
+            chunks.emplace_back(chunk.bytes);
+            end = chunk.offset + chunk.bytes.size();
+        });
+    } catch (const ChunkRefused&) {
+        throw;
+    } catch (const std::runtime_error& e) { // the walk's own: too large, incomplete
+        throw std::runtime_error(fmt::format("{}: chunk at offset {}: {}", path, end, e.what()));
     }
+    if (end != bytes.size())
+        throw std::runtime_error(fmt::format("{}: truncated chunk header at offset {}", path, end));
     return chunks;
 }
 

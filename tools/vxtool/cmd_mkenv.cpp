@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "command.h"
-#include "hardware/bootloader_environment.h"
+#include "factory/records.h"
 #include "platform/posix_helpers.h"
 
 namespace vxtool {

@@ -8,7 +8,8 @@
 #include <fmt/format.h>
 
 #include "command.h"
-#include "hardware/rsa_signer.h"
+#include "factory/records.h"
+#include "factory/rsa_signer.h"
 #include "hardware/srb.h"
 #include "platform/posix_helpers.h"
 

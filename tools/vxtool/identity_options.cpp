@@ -1,25 +1,10 @@
 #include "identity_options.h"
 
-#include <cstdio>
-#include <cstring>
-#include <memory>
+#include "hardware/board_id.h"
+#include "hardware/context.h"
+#include "platform/posix_helpers.h"
 
 namespace vxtool {
-
-std::string ReadSecureIdFromBoardId(const char* path)
-{
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path, "re"), &std::fclose);
-    if (!file)
-        return std::string();
-    std::string secure_id;
-    char key[21];
-    char value[65];
-    while (std::fscanf(file.get(), "%20s %64s\n", key, value) == 2) {
-        if (std::strcmp(key, "Secure-ID:") == 0)
-            secure_id = value;
-    }
-    return secure_id;
-}
 
 std::string TakeSecureId(Arguments& args)
 {
@@ -30,7 +15,12 @@ std::string TakeSecureId(Arguments& args)
         throw UsageError("--secure-id and --boardid exclude each other");
     if (have_secure_id)
         return secure_id;
-    return ReadSecureIdFromBoardId(have_boardid ? boardid.c_str() : BOARDID_PATH);
+    try {
+        return ReadBoardId(have_boardid ? boardid : Context::GetInstance()->Path(BOARD_ID_PATH))
+            .secure_id;
+    } catch (const corvid::ErrnoException&) {
+        return std::string();
+    }
 }
 
 bool TakeEnvironmentSourceArguments(Arguments& args, Arguments& env_args)

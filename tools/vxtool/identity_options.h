@@ -8,16 +8,10 @@
 
 namespace vxtool {
 
-// Path of the kernel's board identity.
-inline constexpr const char* BOARDID_PATH = "/proc/boardid";
-
-// The value of the "Secure-ID:" line of the board identity, read as the
-// player reads it (fscanf "%20s %64s" pairs up to the first incomplete one),
-// or the empty text when the file cannot be opened or has no such line.
-std::string ReadSecureIdFromBoardId(const char* path = BOARDID_PATH);
-
 // --secure-id ID when given, else the Secure ID of the board identity in
-// --boardid FILE (default /proc/boardid, which a saved copy can stand in for).
+// --boardid FILE (default /proc/boardid, which a saved copy can stand in for),
+// read as the player reads it; empty when the file cannot be opened or has
+// no "Secure-ID:" line.
 std::string TakeSecureId(Arguments& args);
 
 // The usage text of the environment source options.

@@ -2,7 +2,7 @@
 
 #include <fmt/format.h>
 
-#include "hardware/nand_access_linux.h"
+#include "hardware/context.h"
 #include "hardware/nand_image_access.h"
 
 namespace vxtool {
@@ -69,7 +69,7 @@ NandAccess::Pointer OpenSource(const SourceOptions& options)
     if (!options.image.empty())
         return NandImageAccess::Create(options.image, options.erase_size, options.write_size,
                                        options.bad_blocks);
-    return LinuxNandAccess::Create(FindMtdPartition(options.mtd));
+    return Context::GetInstance()->OpenPartition(options.mtd);
 }
 
 NandAccess::Pointer OpenSource(Arguments& args, const std::string& default_mtd)

@@ -1,7 +1,7 @@
-// Runs a program in a private mount namespace, with fixture files bound
-// over the paths it reads (/proc/meminfo, ...) and a regular file over
+// Running the real programs: directly, or in a private mount namespace with
+// fixture files bound over the paths they read and a regular file over
 // /dev/kmsg, so that whole-program tests never touch the host's real files
-// or kernel log. Needs root; tests skip themselves elsewhere.
+// or kernel log. Scratch directories and file helpers.
 #pragma once
 
 #include <string>
@@ -36,6 +36,30 @@ private:
 
 std::string ReadFile(const std::string& path);
 
+// How a program is started.
+struct Launch {
+    std::vector<std::string> args; // after argv[0]
+    std::string input;             // standard input
+    // In a private mount namespace: /dev/kmsg replaced by kmsg (when set) and
+    // each (source, target) bound over its target.
+    bool isolate = false;
+    std::string kmsg;
+    std::vector<std::pair<std::string, std::string>> binds;
+    // Without the capabilities that let root bypass file permissions.
+    bool drop_file_permission_override = false;
+};
+
+// Starts program with argv[0] = program and waits for it. Its standard
+// output and error go to files that it does not inherit otherwise.
+RunResult Run(const std::string& program, const Launch& launch);
+// The same without namespace or capability changes.
+RunResult Run(const std::string& program, const std::vector<std::string>& args,
+              const std::string& input = {});
+
+// Runs vxtool with args and input.
+RunResult Vxtool(const std::vector<std::string>& args, const std::string& input = {});
+
+// A private mount namespace for one run, with its own kernel-log file.
 class Sandbox {
 public:
     Sandbox();
@@ -43,33 +67,19 @@ public:
     // True where sandboxes can be made (root with mount namespaces).
     static bool Available();
 
-    // Binds a file over target inside the sandbox.
-    void Bind(const std::string& source, const std::string& target);
     // Binds a new file with this content over target; returns the file's path.
     std::string BindContent(const std::string& target, const std::string& content,
                             unsigned mode = 0644);
-    // Runs the program without the capabilities that let root bypass file
-    // permissions, so that a file of mode 000 is unreadable to it.
-    void DropFilePermissionOverride() { m_drop_dac_override = true; }
+    void DropFilePermissionOverride() { m_launch.drop_file_permission_override = true; }
 
-    // Runs program with args (argv[0] is the program) and waits for it.
     RunResult Run(const std::string& program, const std::vector<std::string>& args = {});
-
     // What the program wrote to /dev/kmsg.
-    std::string KernelLog() const;
-
-    const TempDir& Dir() const { return m_dir; }
+    std::string KernelLog() const { return ReadFile(m_launch.kmsg); }
 
 private:
     TempDir m_dir;
-    std::string m_kmsg;
-    std::vector<std::pair<std::string, std::string>> m_binds;
-    bool m_drop_dac_override = false;
+    Launch m_launch;
 };
-
-// Runs a program directly (no sandbox), feeding input on standard input.
-RunResult RunProgram(const std::string& program, const std::vector<std::string>& args,
-                     const std::string& input = std::string());
 
 } // namespace vxtest
 

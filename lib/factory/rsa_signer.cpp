@@ -1,4 +1,4 @@
-#include "hardware/rsa_signer.h"
+#include "factory/rsa_signer.h"
 
 #include <cstdint>
 #include <stdexcept>

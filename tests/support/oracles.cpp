@@ -1,10 +1,39 @@
-#include "support/crypto_oracle.h"
+#include "support/oracles.h"
 
 #include <stdexcept>
 
-#include "support/sandbox.h"
+#include "support/programs.h"
 
 namespace vxtest {
+
+std::string Le32(std::uint32_t v)
+{
+    return {char(v & 0xFF), char(v >> 8 & 0xFF), char(v >> 16 & 0xFF), char(v >> 24 & 0xFF)};
+}
+
+std::string EnvironmentRecord(const std::string& text, char type)
+{
+    return std::string(1, type) + static_cast<char>(text.size() + 1) + '\0' + text;
+}
+
+std::string EnvironmentBlock(const std::vector<std::string>& texts, std::size_t size)
+{
+    std::string block;
+    for (const std::string& text : texts)
+        block += EnvironmentRecord(text);
+    block += '\0';
+    block.resize(size, '\xFF');
+    return block;
+}
+
+std::string Sha1sumChunk(const std::string& tag, const std::string& payload)
+{
+    const std::string sum = Run("/usr/bin/sha1sum", {}, payload).out;
+    std::string chunk = tag + Le32(std::uint32_t(payload.size() + 20)) + payload;
+    for (std::size_t i = 0; i < 40; i += 2)
+        chunk.push_back(static_cast<char>(std::stoi(sum.substr(i, 2), nullptr, 16)));
+    return chunk;
+}
 
 std::string TestPrivateKey(const std::string& name)
 {
@@ -18,7 +47,7 @@ std::string TestPublicKey(const std::string& name)
 
 std::string Openssl(const std::vector<std::string>& args, const std::string& input)
 {
-    const RunResult result = RunProgram("/usr/bin/openssl", args, input);
+    const RunResult result = Run("/usr/bin/openssl", args, input);
     if (result.exit_status != 0)
         throw std::runtime_error("openssl failed: " + result.err);
     return result.out;

@@ -1,0 +1,16 @@
+#include "hardware/context.h"
+
+#include "hardware/nand_access_linux.h"
+
+NandAccess::Pointer LiveContext::OpenPartition(const std::string& name)
+{
+    MtdPartition partition = FindMtdPartition(name);
+    partition.device = Path(partition.device);
+    return LinuxNandAccess::Create(partition);
+}
+
+NandAccess::Pointer LiveContext::OpenWholeDevice(const std::string& name)
+{
+    return LinuxNandAccess::Create(Path(FindMtdPartition(name).device),
+                                   LinuxNandAccess::WHOLE_DEVICE);
+}

@@ -1,0 +1,67 @@
+// The context of one run: where the program's live sources are. Library
+// code never opens a live path or device by itself; it asks the context
+// registered for the process:
+//   - Path("/proc/boardid"): a live path joined to the context's root;
+//   - OpenPartition / OpenWholeDevice: a NAND partition by its /proc/mtd name;
+//   - GetClock(): the monotonic clock and sleeping.
+// The program's main constructs a LiveContext (root "/", the MTD devices,
+// the system clock) before anything else; tests construct their own.
+// Exactly one context lives at a time (corvid::Singleton).
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "hardware/bootloader_environment.h"
+#include "hardware/nand_access.h"
+#include "platform/clock.h"
+#include "platform/root_dir.h"
+#include "platform/singleton.h"
+
+class Context : public corvid::Singleton<Context> {
+public:
+    virtual ~Context() = default;
+
+    // A live path (absolute, as on the player) as this context reaches it.
+    virtual std::string Path(std::string_view live_path) const { return m_root.Path(live_path); }
+
+    // The partition called name in /proc/mtd, limited to the partition's size.
+    virtual NandAccess::Pointer OpenPartition(const std::string& name) = 0;
+    // The device of the partition called name, the whole device.
+    virtual NandAccess::Pointer OpenWholeDevice(const std::string& name) = 0;
+
+    virtual corvid::Clock& GetClock() = 0;
+
+    // The boot-loader environment of this context, loaded once (see
+    // GetBootloaderEnvironment).
+    struct EnvironmentCache {
+        std::mutex mutex;
+        bool loaded = false;
+        BootloaderEnvironment environment;
+    };
+    EnvironmentCache& GetEnvironmentCache() { return m_environment; }
+
+protected:
+    explicit Context(corvid::RootDir root) : m_root(std::move(root)) {}
+
+    const corvid::RootDir& Root() const { return m_root; }
+
+private:
+    corvid::RootDir m_root;
+    EnvironmentCache m_environment;
+};
+
+// The player itself: root "/", the kernel's MTD partitions, the system clock.
+class LiveContext final : public Context {
+public:
+    LiveContext() : Context(corvid::RootDir("/")) {}
+
+    NandAccess::Pointer OpenPartition(const std::string& name) override;
+    NandAccess::Pointer OpenWholeDevice(const std::string& name) override;
+    corvid::Clock& GetClock() override { return m_clock; }
+
+private:
+    corvid::SystemClock m_clock;
+};
