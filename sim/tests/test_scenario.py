@@ -1,0 +1,76 @@
+import os
+import re
+import tempfile
+import unittest
+
+from vxsim import SCENARIO_DIR, SimError
+from vxsim.scenario import load_batches, load_scenario
+
+from . import scenario
+
+
+def write(directory, files):
+    for name, text in files.items():
+        with open(os.path.join(directory, name + ".toml"), "w") as f:
+            f.write(text)
+
+
+class ScenarioTest(unittest.TestCase):
+    def test_mistakes_are_named(self):
+        cases = {
+            "t: unknown key(s) colour": {"colour": "red"},
+            "t: batch must be letters": {"batch": "a b"},
+            "#1: unknown key(s) size": {"flash": [{"name": "a", "blocks": 1, "size": 2}]},
+            "'blocks' must be a number": {"flash": [{"name": "a", "blocks": True}]},
+            "bad blocks must be indexes below 8": {"flash": [{"name": "a", "blocks": 8, "bad": [8]}]},
+            "give one of env, vxtool or script": {"flash": [{"name": "a", "blocks": 1, "env": [],
+                                                              "script": "x"}]},
+            "stdin goes with vxtool": {"flash": [{"name": "a", "blocks": 1, "stdin": "x"}]},
+            "the partitions need 2048 erase blocks": {"flash": [{"name": "a", "blocks": 2048}]},
+            "partition names must differ": {"flash": [{"name": "a", "blocks": 1}, {"name": "a", "blocks": 1}]},
+            "[gpio] (sysfs GPIO lines) is not simulated yet": {"gpio": {"line64": 1}},
+            "[files]: paths must be absolute": {"files": {"etc/issue": "x"}},
+            "[net]: eth0 must be a MAC address": {"net": {"eth0": "02:00:00:00:00"}},
+            "[run]: env must map variable names": {"run": {"env": {"1A": "x"}}},
+            "[expect]: 'status' must be a number": {"expect": {"status": "0"}},
+            "[expect.files]: 'x' must be absolute": {"expect": {"files": {"x": "y"}}},
+        }
+        for message, change in cases.items():
+            with self.subTest(message), self.assertRaisesRegex(SimError, re.escape(message)):
+                scenario(**change)
+
+    def test_a_scenario_overrides_its_base_table_by_table(self):
+        with tempfile.TemporaryDirectory() as d:
+            write(d, {"base": 'description = "base"\nbatch = "a"\n[boot]\nmemory = "512M"\n'
+                              'cmdline = "vx.debug"\n[proc]\nboardid = "b"\n'
+                              '[expect]\nstatus = 0\nstderr = ["x", "y"]\n',
+                      "derived": 'batch = "b"\nbase = "base"\n[boot]\nmemory = "200M"\n'
+                                 '[expect]\nstatus = 1\nstderr = ["z"]\n'})
+            s = load_scenario(os.path.join(d, "derived.toml"))
+        self.assertEqual((s.name, s.batch, s.description), ("derived", "b", ""))
+        self.assertEqual((s.boot.memory, s.boot.cmdline), ("200M", "vx.debug"))
+        self.assertEqual(s.proc, {"boardid": "b"})
+        self.assertEqual((s.expect.status, s.expect.stderr, s.expect.stdout), (1, ["z"], None))
+
+
+class BatchTest(unittest.TestCase):
+    def test_every_checked_in_scenario_runs_in_a_batch(self):
+        names = sorted(fn[:-5] for fn in os.listdir(SCENARIO_DIR) if fn.endswith(".toml"))
+        batches = load_batches()
+        self.assertEqual(sorted(s.name for group in batches.values() for s in group), names)
+
+    def test_each_file_names_its_batch_which_is_not_inherited(self):
+        with tempfile.TemporaryDirectory() as d:
+            write(d, {"a": 'batch = "x"\n[expect]\nstatus = 0\n',
+                      "b": 'batch = "y"\nbase = "a"\n',
+                      "c": 'batch = "x"\nbase = "a"\n'})
+            batches = load_batches(d)
+            self.assertEqual({k: [s.name for s in v] for k, v in batches.items()},
+                             {"x": ["a", "c"], "y": ["b"]})
+            write(d, {"d": 'base = "a"\n'})
+            with self.assertRaisesRegex(SimError, "^d: batch is missing"):
+                load_batches(d)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,56 @@
+import os
+import tempfile
+import textwrap
+import unittest
+
+from vxsim import SimError
+from vxsim.steps import flash_layout, prepare_scenario, programs_used
+
+from . import scenario
+
+
+class StepsTest(unittest.TestCase):
+    def test_bad_blocks_become_chip_wide_indexes(self):
+        self.assertEqual(flash_layout(scenario().flash), ("8,16", "0,1,11,13"))
+
+    def test_images_come_from_the_tool_and_steps_quote_their_words(self):
+        s = scenario(run={"program": "vx-hwcheck", "args": ["a b"], "env": {"V": "x'y"}},
+                     files={"/etc/issue": "old\n"}, expect={"status": 0, "files": {"/etc/issue": "new\n"}})
+        with tempfile.TemporaryDirectory() as d:
+            tool = os.path.join(d, "vxtool")
+            with open(tool, "w") as f:   # records its arguments and input in the image
+                f.write('#!/bin/sh\nout=$5\n{ echo "$@"; cat; } > "$out"\n')
+            os.chmod(tool, 0o755)
+            steps = prepare_scenario(s, d, {"vxtool": tool, "vx-hwcheck": "/b/vx-hwcheck"})
+            with open(os.path.join(d, "in", "flash0.nvram.img")) as f:
+                image = f.read()
+            with open(os.path.join(d, "in", "root", "etc", "issue")) as f:
+                issue = f.read()
+            with open(os.path.join(d, "in", "proc", "boardid")) as f:
+                boardid = f.read()
+        self.assertEqual(image, f"mkenv --erase-size 131072 -o {d}/in/flash0.nvram.img\nVX_FORMAT=1\n")
+        self.assertEqual((issue, boardid), ("old\n", "Secure-ID: 1\n"))
+        self.assertEqual(steps, textwrap.dedent("""\
+            vx_begin t
+            vx_flash 8,16 0,1,11,13
+            vx_proc flash0.nvram test.scratch
+            vx_erase 0
+            vx_write 0 in/flash0.nvram.img
+            vx_erase 1
+            vx_eth0 02:00:00:00:00:01
+            vx_run 120 'V=x'"'"'y' -- /b/vx-hwcheck 'a b'
+            vx_collect /etc/issue""").split("\n"))
+
+    def test_a_failing_factory_script_stops_the_scenario(self):
+        s = scenario(flash=[{"name": "a", "blocks": 2, "script": 'echo "$BLOCKS blocks" >&2; false'}])
+        with tempfile.TemporaryDirectory() as d, self.assertRaisesRegex(SimError, "failed \\(1\\): 2 blocks$"):
+            prepare_scenario(s, d, {"vxtool": "/bin/false", "vx-hwcheck": "/b/vx-hwcheck"})
+
+    def test_a_batch_needs_the_programs_it_runs_and_vxtool_for_images(self):
+        self.assertEqual(programs_used([scenario(), scenario(run={"program": "device_tests"})]),
+                         ["device_tests", "vx-hwcheck", "vxtool"])
+        self.assertEqual(programs_used([scenario(flash=[], run={"program": "/bin/true"})]), [])
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,117 @@
+"""The simulated player's runner: plays scenario files in a qemu guest
+against the kernel's own MTD stack.
+
+    vxsim run [--build-dir DIR] [--program NAME=PATH]... [--show] SCENARIO...
+    vxsim run [--build-dir DIR] [--program NAME=PATH]... --batch NAME
+    vxsim batches
+    vxsim kernel [--build-dir DIR]
+
+A SCENARIO is a name in sim/scenarios (without ".toml") or a path to a file.
+Every scenario file names its batch; "batches" lists them, one a line with
+the programs the batch needs from the build. Scenarios with the same [boot]
+table share one boot of the guest. "run" ends with 0 when every expectation
+of every scenario held, 1 otherwise, and 2 when a scenario, the build or the
+host is wrong.
+"""
+
+import argparse
+import os
+import sys
+
+from . import SimError
+from .guest import run_boot
+from .kernel import ensure_kernel
+from .scenario import load_batches, load_scenario
+from .steps import programs_used
+from .verdict import report
+
+# Where the build puts the programs scenarios name, below the build directory.
+DEFAULT_PROGRAMS = {
+    "vx-hwcheck": "check/vx-hwcheck",
+    "vxtool": "tools/vxtool/vxtool",
+    "device_tests": "tests/device_tests",
+}
+
+
+def select(args):
+    """The scenarios to run and the run's label: a batch, or scenarios
+    given by name or path."""
+    if args.batch and args.scenarios:
+        raise SimError("give either --batch or scenarios, not both")
+    if args.batch:
+        batches = load_batches()
+        if args.batch not in batches:
+            raise SimError(f"no batch {args.batch}; the batches are {', '.join(batches)}")
+        return batches[args.batch], args.name or args.batch
+    if not args.scenarios:
+        raise SimError("name a batch (--batch) or scenarios to run")
+    scenarios = [load_scenario(a) for a in args.scenarios]
+    if len({s.name for s in scenarios}) != len(scenarios):
+        raise SimError("scenario names must differ")
+    return scenarios, args.name or "-".join(s.name for s in scenarios)
+
+
+def cmd_run(args, log):
+    build_dir = os.path.abspath(args.build_dir)
+    programs = {k: os.path.join(build_dir, v) for k, v in DEFAULT_PROGRAMS.items()}
+    for p in args.program:
+        k, _, v = p.partition("=")
+        programs[k] = os.path.abspath(v)
+    scenarios, label = select(args)
+    for n in programs_used(scenarios):
+        if n in programs and not os.access(programs[n], os.X_OK):
+            raise SimError(f"{programs[n]} is missing; build the project first")
+    kernel = ensure_kernel(build_dir, log)
+    groups = {}
+    for s in scenarios:
+        groups.setdefault(s.boot_key(), []).append(s)
+    ok = True
+    for i, group in enumerate(groups.values()):
+        rundir = os.path.join(build_dir, "sim", "runs", f"{label}.{i}")
+        results = run_boot(group, kernel, programs, rundir, args.timeout, log)
+        for s in group:
+            ok = report(s, results[s.name], rundir, args.show, log) and ok
+    return 0 if ok else 1
+
+
+def cmd_batches(args, log):
+    for name, scenarios in load_batches().items():
+        log(" ".join([name] + programs_used(scenarios)))
+    return 0
+
+
+def cmd_kernel(args, log):
+    vmlinux, _ = ensure_kernel(os.path.abspath(args.build_dir), log)
+    log(vmlinux)
+    return 0
+
+
+def parser():
+    ap = argparse.ArgumentParser(prog="vxsim", description=__doc__,
+                                 formatter_class=argparse.RawDescriptionHelpFormatter)
+    sub = ap.add_subparsers(dest="command", required=True)
+    run = sub.add_parser("run", help="run scenarios on the simulated player")
+    run.set_defaults(func=cmd_run)
+    run.add_argument("scenarios", nargs="*", metavar="SCENARIO")
+    run.add_argument("--batch", metavar="NAME", help="run every scenario of a batch")
+    run.add_argument("--build-dir", default="build")
+    run.add_argument("--program", action="append", default=[], metavar="NAME=PATH",
+                     help="where a built program is (vx-hwcheck, vxtool, device_tests)")
+    run.add_argument("--name", help="name of the run directory below BUILD/sim/runs")
+    run.add_argument("--timeout", type=int, default=300, help="seconds per boot")
+    run.add_argument("--show", action="store_true", help="print every scenario's output")
+    batches = sub.add_parser("batches", help="list the batches and the programs they need")
+    batches.set_defaults(func=cmd_batches)
+    kernel = sub.add_parser("kernel", help="fetch and unpack the guest kernel")
+    kernel.set_defaults(func=cmd_kernel)
+    kernel.add_argument("--build-dir", default="build")
+    return ap
+
+
+def main(argv=None):
+    args = parser().parse_args(argv)
+    try:
+        return args.func(args, lambda m: print(m, flush=True))
+    except SimError as e:
+        print(f"vxsim: {e}", file=sys.stderr)
+        return 2

@@ -1,0 +1,146 @@
+"""One boot of the guest for scenarios that share their [boot] table, and
+the results it leaves for each of them.
+
+The run directory (BUILD/sim/runs/NAME.N) holds the initramfs, the batch
+script, one directory per scenario (inputs in in/, results in out/) and the
+boot's logs; the guest mounts it read-write as /vx.
+"""
+
+import os
+import re
+import shutil
+import subprocess
+import time
+from dataclasses import dataclass, field
+
+from .initramfs import build_initramfs
+from .steps import batch_script, prepare_scenario
+
+
+@dataclass
+class Result:
+    """What the guest left for a scenario whose program ran."""
+    status: int | None  # None: the status file holds no number
+    status_text: str = ""  # the status file as the guest wrote it
+    stdout: str = ""
+    stderr: str = ""
+    meminfo: str = ""  # /proc/meminfo as the program saw it
+    kmsg: list[str] = field(default_factory=list)  # see user_records
+    files: dict[str, str] = field(default_factory=dict)  # collected, by path
+    seconds: float | None = None  # the program's run time, guest clock
+
+
+def user_records(before, after):
+    """The records that user space wrote to the kernel log between the two
+    /dev/kmsg dumps, each as "<level>message"."""
+    def parse(dump):
+        out = []
+        for line in dump.split("\n"):
+            m = re.match(r"(\d+),(\d+),[^;]*;(.*)", line)
+            if m:
+                out.append((int(m.group(2)), int(m.group(1)), m.group(3)))
+        return out
+    last = max((seq for seq, _, _ in parse(before)), default=-1)
+    return [f"<{prio & 7}>{text}" for seq, prio, text in parse(after)
+            if seq > last and prio >> 3 != 0]
+
+
+def read_results(sdir, collect):
+    """What the guest left in a scenario's out/ directory; None when the
+    program never ran (no status file)."""
+    out = os.path.join(sdir, "out")
+
+    def text(name, default=None):
+        try:
+            with open(os.path.join(out, name), encoding="utf-8", errors="surrogateescape") as f:
+                return f.read()
+        except FileNotFoundError:
+            return default
+    status_text = text("status")
+    if status_text is None:
+        return None
+    try:
+        status = int(status_text.strip())
+    except ValueError:
+        status = None
+    result = Result(status=status, status_text=status_text, stdout=text("stdout", ""),
+                    stderr=text("stderr", ""), meminfo=text("meminfo", ""),
+                    kmsg=user_records(text("kmsg-before", ""), text("kmsg-after", "")))
+    for path in collect:
+        content = text(os.path.join("files", path.lstrip("/")))
+        if content is not None:
+            result.files[path] = content
+    try:
+        t0, t1 = map(float, (text("run-uptime") or "").split())
+        result.seconds = t1 - t0
+    except ValueError:
+        pass
+    return result
+
+
+def qemu_command(memory, cmdline, vmlinux, rundir):
+    append = f"console=ttyS0 panic=-1 quiet loglevel=4 mitigations=off {cmdline}".strip()
+    return ["qemu-system-x86_64", "-nodefaults", "-no-user-config", "-machine", "pc",
+            "-accel", "tcg", "-m", memory, "-smp", "1", "-display", "none", "-no-reboot",
+            "-serial", "file:" + os.path.join(rundir, "console.log"), "-monitor", "none",
+            "-kernel", vmlinux, "-initrd", os.path.join(rundir, "initramfs.cpio"),
+            "-append", append,
+            "-virtfs", "local,path=/,mount_tag=hostroot,security_model=none,readonly=on,multidevs=remap",
+            "-virtfs", f"local,path={rundir},mount_tag=vxsim,security_model=none"]
+
+
+def prepare_boot(scenarios, moddir, programs, rundir):
+    """A fresh run directory with the initramfs, every scenario's inputs
+    and the batch script."""
+    shutil.rmtree(rundir, ignore_errors=True)
+    os.makedirs(rundir)
+    build_initramfs(moddir, os.path.join(rundir, "initramfs.cpio"))
+    named = []
+    for s in scenarios:
+        sdir = os.path.join(rundir, s.name)
+        os.makedirs(sdir)
+        named.append((s.name, prepare_scenario(s, sdir, programs)))
+    with open(os.path.join(rundir, "batch.sh"), "w") as f:
+        f.write(batch_script(named))
+
+
+def run_boot(scenarios, kernel, programs, rundir, timeout, log):
+    """Boots the guest once for scenarios that share their [boot] table;
+    returns {name: Result or None} and logs the boot's timing, and the end
+    of the guest's logs when the boot failed."""
+    vmlinux, moddir = kernel
+    prepare_boot(scenarios, moddir, programs, rundir)
+    memory, cmdline = scenarios[0].boot_key()
+    start = time.monotonic()
+    try:
+        p = subprocess.run(qemu_command(memory, cmdline, vmlinux, rundir),
+                           capture_output=True, text=True, timeout=timeout)
+        qemu_error = p.stderr.strip() if p.returncode != 0 else ""
+    except subprocess.TimeoutExpired:
+        qemu_error = f"the guest did not finish within {timeout} s"
+    wall = time.monotonic() - start
+
+    def uptime(name):
+        try:
+            with open(os.path.join(rundir, name)) as f:
+                return float(f.read().split()[0])
+        except (OSError, ValueError, IndexError):
+            return None
+    t_init, t_done = uptime("init-uptime"), uptime("done")
+    names = ", ".join(s.name for s in scenarios)
+    if t_init is not None and t_done is not None:
+        log(f"vxsim: boot [{names}] ({memory}): /init at {t_init:.1f} s, "
+            f"results at {t_done:.1f} s guest time; {wall:.1f} s on the host")
+    else:
+        log(f"vxsim: boot [{names}] ({memory}) failed after {wall:.1f} s on the host")
+    if qemu_error or t_done is None:
+        if qemu_error:
+            log("vxsim: qemu: " + qemu_error)
+        for name in ("console.log", "batch.log"):
+            try:
+                with open(os.path.join(rundir, name), errors="replace") as f:
+                    log(f"--- {name} (end) ---\n{f.read()[-4000:]}")
+            except OSError:
+                pass
+    return {s.name: read_results(os.path.join(rundir, s.name), sorted(s.expect.files))
+            for s in scenarios}

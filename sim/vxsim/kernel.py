@@ -1,0 +1,181 @@
+"""The guest's kernel: the distribution's own image package, fetched with
+apt into the build tree once per kernel release, and the modules the guest
+loads, with everything they depend on."""
+
+import fcntl
+import gzip
+import lzma
+import os
+import re
+import shutil
+import subprocess
+import tempfile
+import zlib
+
+from . import SimError
+
+KERNEL_METAPACKAGE = "linux-image-amd64"
+# Modules the guest loads, with everything they depend on: virtio and 9p for
+# the shares, overlayfs for the scenario roots, the NAND simulator and the
+# dummy network driver.
+MODULE_ROOTS = ["virtio_pci", "9pnet_virtio", "9p", "overlay", "nandsim", "dummy"]
+
+
+def _run(cmd, **kw):
+    p = subprocess.run(cmd, capture_output=True, text=True, **kw)
+    if p.returncode != 0:
+        raise SimError(f"{' '.join(cmd)} failed ({p.returncode}): {p.stderr.strip()}")
+    return p.stdout
+
+
+def resolve_kernel_package():
+    """The versioned kernel image package the metapackage depends on."""
+    out = _run(["apt-cache", "depends", KERNEL_METAPACKAGE])
+    m = re.search(r"^\s*\|?Depends:\s*(linux-image-\d\S*)$", out, re.M)
+    if not m:
+        raise SimError(f"apt-cache names no kernel image behind {KERNEL_METAPACKAGE}")
+    return m.group(1)
+
+
+def extract_vmlinux(data):
+    """The uncompressed kernel ELF inside a bzImage: finds the payload by the
+    magic of its compression and decompresses it."""
+    def unxz(b):
+        return lzma.LZMADecompressor(format=lzma.FORMAT_XZ).decompress(b)
+
+    def unzstd(b):
+        p = subprocess.run(["zstd", "-dcq"], input=b, capture_output=True)
+        return p.stdout  # trailing data after the frame makes zstd complain
+
+    def ungzip(b):
+        return zlib.decompressobj(16 + zlib.MAX_WBITS).decompress(b)
+
+    for magic, decompress in ((b"\xfd7zXZ\x00", unxz), (b"\x28\xb5\x2f\xfd", unzstd),
+                              (b"\x1f\x8b\x08", ungzip)):
+        pos = data.find(magic)
+        while pos >= 0:
+            try:
+                out = decompress(data[pos:])
+            except (lzma.LZMAError, zlib.error, OSError, EOFError):
+                out = b""
+            if out[:4] == b"\x7fELF":
+                return out
+            pos = data.find(magic, pos + 1)
+    raise SimError("no compressed ELF kernel found in vmlinuz")
+
+
+def _module_name(filename):
+    m = re.fullmatch(r"(.+)\.ko(\.xz|\.zst|\.gz)?", filename)
+    return m.group(1).replace("-", "_") if m else None
+
+
+def _read_module(path):
+    with open(path, "rb") as f:
+        data = f.read()
+    if path.endswith(".xz"):
+        return lzma.decompress(data)
+    if path.endswith(".gz"):
+        return gzip.decompress(data)
+    if path.endswith(".zst"):
+        return subprocess.run(["zstd", "-dcq"], input=data, capture_output=True, check=True).stdout
+    return data
+
+
+def module_load_order(roots, depends):
+    """Roots and their dependencies, each after everything it depends on;
+    depends(name) lists a module's direct dependencies."""
+    order = []
+
+    def visit(n, path):
+        if n in path:
+            raise SimError(f"module dependency loop through {n}")
+        if n in order:
+            return
+        for d in depends(n):
+            visit(d, path + [n])
+        order.append(n)
+    for r in roots:
+        visit(r, [])
+    return order
+
+
+def _install_modules(tree, dest):
+    paths = {}
+    for dirpath, _, filenames in os.walk(tree):
+        for fn in filenames:
+            n = _module_name(fn)
+            if n:
+                paths[n] = os.path.join(dirpath, fn)
+    blobs = {}
+
+    def depends(n):
+        if n not in paths:
+            raise SimError(f"the kernel package has no module {n}")
+        if n not in blobs:
+            blobs[n] = _read_module(paths[n])
+        m = re.search(rb"(?:^|\0)depends=([^\0]*)\0", blobs[n])
+        return [d.decode().replace("-", "_") for d in m.group(1).split(b",") if d] if m else []
+
+    order = module_load_order(MODULE_ROOTS, depends)
+    os.makedirs(dest, exist_ok=True)
+    for n in order:
+        with open(os.path.join(dest, n + ".ko"), "wb") as f:
+            f.write(blobs[n])
+    with open(os.path.join(dest, "order"), "w") as f:
+        f.write("\n".join(order) + "\n")
+
+
+def ensure_kernel(build_dir, log=print):
+    """Fetches and unpacks the distribution kernel into the build directory
+    (once per kernel release); returns (vmlinux path, module directory).
+    Without apt lists the newest cached kernel serves."""
+    cache = os.path.join(build_dir, "sim", "kernel")
+    os.makedirs(cache, exist_ok=True)
+    with open(os.path.join(cache, "lock"), "w") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        try:
+            package = resolve_kernel_package()
+        except (SimError, OSError) as e:
+            cached = sorted(d for d in os.listdir(cache) if os.path.isfile(os.path.join(cache, d, "ready")))
+            if not cached:
+                raise SimError(f"cannot resolve the kernel package ({e}); run scripts/install-deps") from e
+            package = cached[-1]
+            log(f"vxsim: {e}; using the cached {package}")
+        kdir = os.path.join(cache, package)
+        vmlinux, moddir = os.path.join(kdir, "vmlinux"), os.path.join(kdir, "modules")
+        ready = os.path.join(kdir, "ready")
+        if os.path.exists(ready) and open(ready).read() == " ".join(MODULE_ROOTS):
+            return vmlinux, moddir
+        log(f"vxsim: fetching {package} into {kdir}")
+        _unpack(package, kdir, vmlinux, moddir)
+        with open(ready, "w") as f:
+            f.write(" ".join(MODULE_ROOTS))
+        for other in os.listdir(cache):   # kernels of earlier releases
+            if other != package and other.startswith("linux-image-"):
+                shutil.rmtree(os.path.join(cache, other), ignore_errors=True)
+        return vmlinux, moddir
+
+
+def _unpack(package, kdir, vmlinux, moddir):
+    """Downloads the package into kdir (unless it is there) and keeps the
+    uncompressed kernel and the modules from it."""
+    os.makedirs(kdir, exist_ok=True)
+    debs = [f for f in os.listdir(kdir) if f.endswith(".deb")]
+    if not debs:
+        cmd = ["apt-get", "download", package]
+        if os.geteuid() == 0:
+            cmd[1:1] = ["-o", "APT::Sandbox::User=root"]
+        _run(cmd, cwd=kdir)
+        debs = [f for f in os.listdir(kdir) if f.endswith(".deb")]
+    with tempfile.TemporaryDirectory(dir=kdir) as tree:
+        _run(["dpkg-deb", "-x", os.path.join(kdir, debs[0]), tree])
+        vmlinuz = [f for f in os.listdir(os.path.join(tree, "boot")) if f.startswith("vmlinuz")]
+        if not vmlinuz:
+            raise SimError(f"{package} holds no vmlinuz")
+        with open(os.path.join(tree, "boot", vmlinuz[0]), "rb") as f:
+            elf = extract_vmlinux(f.read())
+        with open(vmlinux + ".tmp", "wb") as f:
+            f.write(elf)
+        os.replace(vmlinux + ".tmp", vmlinux)
+        shutil.rmtree(moddir, ignore_errors=True)
+        _install_modules(os.path.join(tree, "lib", "modules"), moddir)

@@ -1,0 +1,320 @@
+"""Scenario files: one simulated player each, as TOML.
+
+Each table of a file is read by a function of its own into a dataclass of
+its own; a new table gets both, a field in Scenario and a line in
+parse_scenario, and its guest steps in the steps module. Every key a table
+does not take is an error, and so is a file that names no batch.
+"""
+
+import os
+import re
+import tomllib
+from dataclasses import dataclass, field
+
+from . import SCENARIO_DIR, SimError
+
+# The simulated chip: ID bytes 0x20 0xaa 0x00 0x15.
+CHIP_BLOCKS = 2048
+ERASE_SIZE = 128 * 1024
+PAGE_SIZE = 2048
+OOB_SIZE = 64
+
+# Tables that a player will grow; accepted names, not yet simulated.
+RESERVED_TABLES = {
+    "input": "the LED/button input device",
+    "gpio": "sysfs GPIO lines",
+    "avs": "the AVS register block behind /dev/mem",
+    "splash": "the boot splash pipe",
+}
+
+NAME = r"[A-Za-z0-9][A-Za-z0-9._-]*"
+
+
+@dataclass
+class Boot:
+    memory: str = "384M"
+    cmdline: str = ""
+
+
+@dataclass
+class Image:
+    """How a partition's logical image is made on the host: vxtool with
+    arguments and standard input, or a factory script."""
+    vxtool: list[str] | None = None
+    stdin: str = ""
+    script: str | None = None
+
+
+@dataclass
+class Flash:
+    name: str
+    blocks: int
+    bad: list[int]
+    image: Image | None = None  # None: erased
+
+
+@dataclass
+class Net:
+    eth0: str | None = None
+
+
+@dataclass
+class Run:
+    program: str = "vx-hwcheck"
+    args: list[str] = field(default_factory=list)
+    env: dict[str, str] = field(default_factory=dict)
+    timeout: int = 120
+
+
+@dataclass
+class Expect:
+    status: int
+    stdout: list[str] | None = None  # None: not compared
+    stderr: list[str] | None = None
+    kmsg: list[str] | None = None
+    files: dict[str, str | bool] = field(default_factory=dict)  # False: no such file
+
+
+@dataclass
+class Scenario:
+    name: str
+    batch: str
+    expect: Expect
+    description: str = ""
+    boot: Boot = field(default_factory=Boot)
+    flash: list[Flash] = field(default_factory=list)
+    proc: dict[str, str] = field(default_factory=dict)
+    files: dict[str, str] = field(default_factory=dict)
+    net: Net = field(default_factory=Net)
+    run: Run = field(default_factory=Run)
+
+    def boot_key(self):
+        """Scenarios with equal keys can share one boot."""
+        return (self.boot.memory, self.boot.cmdline)
+
+
+class Table:
+    """A table being read: keys are taken one by one, and whatever is left
+    at the end is reported as unknown."""
+
+    KINDS = {str: "a text", int: "a number", list: "a list", dict: "a table"}
+
+    def __init__(self, data, scenario, path="", where=None):
+        self.scenario, self.path = scenario, path
+        self.where = where or (f"{scenario} [{path}]" if path else scenario)
+        if not isinstance(data, dict):
+            raise self.error("must be a table")
+        self.data = dict(data)
+
+    def __contains__(self, key):
+        return key in self.data
+
+    def error(self, message):
+        return SimError(f"{self.where}: {message}")
+
+    def take(self, key, kind, default=None):
+        if key not in self.data:
+            return default
+        value = self.data.pop(key)
+        if not isinstance(value, kind) or (kind is int and isinstance(value, bool)):
+            raise self.error(f"'{key}' must be {self.KINDS[kind]}")
+        return value
+
+    def texts(self, key, default=None):
+        """A list of strings."""
+        value = self.take(key, list, default)
+        if value is not None and not all(isinstance(v, str) for v in value):
+            raise self.error(f"'{key}' must be a list of texts")
+        return value
+
+    def table(self, key):
+        path = f"{self.path}.{key}" if self.path else key
+        return Table(self.take(key, dict, {}), self.scenario, path)
+
+    def done(self):
+        if self.data:
+            raise self.error(f"unknown key(s) {', '.join(sorted(self.data))}")
+
+
+def parse_boot(t):
+    boot = Boot(memory=t.take("memory", str, Boot.memory), cmdline=t.take("cmdline", str, ""))
+    if not re.fullmatch(r"[1-9][0-9]*[MG]", boot.memory):
+        raise t.error("memory must look like 256M")
+    t.done()
+    return boot
+
+
+def parse_image(t):
+    env, tool, script = t.texts("env"), t.texts("vxtool"), t.take("script", str)
+    stdin = t.take("stdin", str)
+    if sum(x is not None for x in (env, tool, script)) > 1:
+        raise t.error("give one of env, vxtool or script")
+    if stdin is not None and tool is None:
+        raise t.error("stdin goes with vxtool")
+    if env is not None:
+        return Image(vxtool=["mkenv", "--erase-size", "{erase_size}", "-o", "{output}"],
+                     stdin="".join(line + "\n" for line in env))
+    if tool is not None:
+        return Image(vxtool=tool, stdin=stdin or "")
+    if script is not None:
+        return Image(script=script)
+    return None
+
+
+def parse_flash(t):
+    name = t.take("name", str)
+    if not name or not re.fullmatch(r"[A-Za-z0-9._-]+", name):
+        raise t.error("name must be letters, digits, '.', '_' or '-'")
+    blocks = t.take("blocks", int)
+    if not blocks or blocks < 1:
+        raise t.error("blocks must be a positive number of erase blocks")
+    bad = t.take("bad", list, [])
+    if not all(type(b) is int and 0 <= b < blocks for b in bad):
+        raise t.error(f"bad blocks must be indexes below {blocks}")
+    flash = Flash(name, blocks, sorted(set(bad)), parse_image(t))
+    t.done()
+    return flash
+
+
+def parse_flash_list(doc):
+    flash = [parse_flash(Table(f, doc.scenario, "flash", f"{doc.where} [[flash]] #{i + 1}"))
+             for i, f in enumerate(doc.take("flash", list, []))]
+    used = sum(f.blocks for f in flash)
+    if used > CHIP_BLOCKS - 1:
+        raise doc.error(f"the partitions need {used} erase blocks; the chip has {CHIP_BLOCKS}")
+    if len({f.name for f in flash}) != len(flash):
+        raise doc.error("partition names must differ")
+    return flash
+
+
+def parse_texts(t, absolute):
+    """[proc] and [files]: paths mapped to their contents."""
+    for path, content in t.data.items():
+        if not isinstance(content, str) or ".." in path.split("/"):
+            raise t.error(f"'{path}' must be a text and a plain path")
+        if absolute and not path.startswith("/"):
+            raise t.error("paths must be absolute")
+    return dict(t.data)
+
+
+def parse_net(t):
+    net = Net(eth0=t.take("eth0", str))
+    if net.eth0 is not None and not re.fullmatch(r"([0-9a-fA-F]{2}:){5}[0-9a-fA-F]{2}", net.eth0):
+        raise t.error("eth0 must be a MAC address like 02:00:00:00:00:01")
+    t.done()
+    return net
+
+
+def parse_run(t):
+    run = Run(program=t.take("program", str, Run.program), args=t.texts("args", []),
+              env=t.take("env", dict, {}), timeout=t.take("timeout", int, Run.timeout))
+    if not all(re.fullmatch(r"[A-Za-z_][A-Za-z0-9_]*", k) and isinstance(v, str)
+               for k, v in run.env.items()):
+        raise t.error("env must map variable names to texts")
+    if run.timeout < 1:
+        raise t.error("timeout must be a positive number of seconds")
+    t.done()
+    return run
+
+
+def parse_expect(t):
+    if "status" not in t:
+        raise t.error("status is required")
+    files = t.table("files")
+    expect = Expect(status=t.take("status", int), stdout=t.texts("stdout"),
+                    stderr=t.texts("stderr"), kmsg=t.texts("kmsg"), files=files.data)
+    if "etc_issue" in t:
+        expect.files["/etc/issue"] = t.take("etc_issue", str)
+    for path, content in expect.files.items():
+        if not path.startswith("/") or not (isinstance(content, str) or content is False):
+            raise files.error(f"'{path}' must be absolute and map to a text or false")
+    t.done()
+    return expect
+
+
+def parse_scenario(name, data):
+    """A scenario from a file's tables (merged over its base's); raises
+    SimError on any mistake."""
+    doc = Table(data, name)
+    for table, what in RESERVED_TABLES.items():
+        if table in doc:
+            raise doc.error(f"[{table}] ({what}) is not simulated yet")
+    batch = doc.take("batch", str)
+    if batch is None:
+        raise doc.error("batch is missing: every scenario names the batch it runs in")
+    if not re.fullmatch(NAME, batch):
+        raise doc.error("batch must be letters, digits, '.', '_' and '-'")
+    s = Scenario(
+        name=name,
+        batch=batch,
+        description=doc.take("description", str, ""),
+        boot=parse_boot(doc.table("boot")),
+        flash=parse_flash_list(doc),
+        proc=parse_texts(doc.table("proc"), absolute=False),
+        files=parse_texts(doc.table("files"), absolute=True),
+        net=parse_net(doc.table("net")),
+        run=parse_run(doc.table("run")),
+        expect=parse_expect(doc.table("expect")),
+    )
+    doc.done()
+    return s
+
+
+# ------------------------------------------------------------------ files
+
+def merge(base, over):
+    """The tables of a scenario that names a base: tables merge key by key,
+    everything else (texts, numbers, lists) replaces the base's value."""
+    out = dict(base)
+    for k, v in over.items():
+        out[k] = merge(out[k], v) if isinstance(v, dict) and isinstance(out.get(k), dict) else v
+    return out
+
+
+def scenario_path(arg):
+    """A scenario's file: a name in the scenario directory, or a path."""
+    return arg if os.sep in arg or arg.endswith(".toml") else os.path.join(SCENARIO_DIR, arg + ".toml")
+
+
+def read_scenario_data(path, seen=()):
+    """A scenario file's tables, merged over those of its base. A file's
+    description and batch are its own; they are not inherited."""
+    if path in seen:
+        raise SimError(f"scenario {path} is its own base")
+    try:
+        with open(path, "rb") as f:
+            data = tomllib.load(f)
+    except OSError as e:
+        raise SimError(f"cannot read scenario {path}: {e.strerror}") from e
+    except tomllib.TOMLDecodeError as e:
+        raise SimError(f"{path}: {e}") from e
+    base = data.pop("base", None)
+    if base is None:
+        return data
+    if not isinstance(base, str):
+        raise SimError(f"{path}: base must be a scenario name")
+    if os.sep not in base and not base.endswith(".toml"):
+        base = os.path.join(os.path.dirname(path), base + ".toml")
+    inherited = read_scenario_data(base, seen + (path,))
+    inherited.pop("description", None)
+    inherited.pop("batch", None)
+    return merge(inherited, data)
+
+
+def load_scenario(arg):
+    path = scenario_path(arg)
+    name = os.path.splitext(os.path.basename(path))[0]
+    if not re.fullmatch(NAME, name):
+        raise SimError(f"scenario name {name!r}: use letters, digits, '.', '_' and '-'")
+    return parse_scenario(name, read_scenario_data(path))
+
+
+def load_batches(directory=SCENARIO_DIR):
+    """Every scenario file of the directory, by batch: {batch: [scenario]},
+    batches and their scenarios in the order of their names."""
+    batches = {}
+    for fn in sorted(os.listdir(directory)):
+        if fn.endswith(".toml"):
+            s = load_scenario(os.path.join(directory, fn))
+            batches.setdefault(s.batch, []).append(s)
+    return dict(sorted(batches.items()))

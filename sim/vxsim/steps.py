@@ -1,0 +1,150 @@
+"""A scenario's guest steps: its inputs, written below its directory in the
+run directory, and the lines of the batch script that set up its player,
+run its program and collect what the program left. The steps are the
+functions of guest/player.sh.
+
+Each table contributes steps of its own, through one function in STEPS;
+the order of STEPS is the order in which the guest sets a player up.
+"""
+
+import os
+import shlex
+import subprocess
+from dataclasses import dataclass
+
+from . import TEST_KEYS_DIR, SimError
+from .scenario import ERASE_SIZE, OOB_SIZE, PAGE_SIZE
+
+q = shlex.quote
+
+
+@dataclass
+class Setup:
+    """Where a scenario's inputs go (sdir/in) and the programs it uses."""
+    sdir: str
+    programs: dict[str, str]
+
+    @property
+    def indir(self):
+        return os.path.join(self.sdir, "in")
+
+    def write(self, sub, table):
+        """Writes texts by path below in/SUB, for the guest to copy."""
+        for path, content in table.items():
+            target = os.path.join(self.indir, sub, path.lstrip("/"))
+            os.makedirs(os.path.dirname(target), exist_ok=True)
+            with open(target, "w", encoding="utf-8") as f:
+                f.write(content)
+
+
+def flash_layout(flash):
+    """nandsim's parts= and badblocks= for the scenario's partitions, laid
+    out from the start of the chip in order; the rest of the chip stays an
+    extra partition that the scenario does not name."""
+    parts, bad, start = [], [], 0
+    for f in flash:
+        parts.append(str(f.blocks))
+        bad.extend(str(start + b) for b in f.bad)
+        start += f.blocks
+    return ",".join(parts), ",".join(bad)
+
+
+def make_image(scenario, flash, output, setup):
+    """Makes a partition's logical image on the host with the project's own
+    tool: one vxtool command, or a factory script of several steps. Images
+    are never checked in."""
+    image, vxtool = flash.image, setup.programs["vxtool"]
+    if image.script is not None:
+        env = dict(os.environ, VXTOOL=vxtool, OUTPUT=output, ERASE_SIZE=str(ERASE_SIZE),
+                   PAGE_SIZE=str(PAGE_SIZE), BLOCKS=str(flash.blocks),
+                   BAD_BLOCKS=",".join(map(str, flash.bad)), KEYS=TEST_KEYS_DIR)
+        cmd = ["bash", "-euo", "pipefail", "-c", image.script]
+        p = subprocess.run(cmd, cwd=setup.indir, env=env, capture_output=True, text=True)
+    else:
+        subst = {"{erase_size}": str(ERASE_SIZE), "{page_size}": str(PAGE_SIZE),
+                 "{oob_size}": str(OOB_SIZE), "{output}": output}
+        cmd = [vxtool] + [subst.get(a, a) for a in image.vxtool]
+        p = subprocess.run(cmd, input=image.stdin, capture_output=True, text=True)
+    if p.returncode != 0:
+        raise SimError(f"{scenario}: {' '.join(cmd)} failed ({p.returncode}): {p.stderr.strip()}")
+
+
+def root_steps(s, setup):
+    """The scenario's own root, holding its [files]."""
+    setup.write("root", s.files)
+    return [f"vx_begin {q(s.name)}"]
+
+
+def chip_steps(s, setup):
+    """A fresh chip cut into the [[flash]] partitions."""
+    parts, bad = flash_layout(s.flash)
+    return [f"vx_flash {q(parts)} {q(bad)}"]
+
+
+def proc_steps(s, setup):
+    """The scenario's /proc: its [proc] files and the partition names."""
+    setup.write("proc", s.proc)
+    return ["vx_proc " + " ".join(q(f.name) for f in s.flash)]
+
+
+def flash_steps(s, setup):
+    """Every partition erased, then written with its image if it has one."""
+    steps = []
+    for i, f in enumerate(s.flash):
+        steps.append(f"vx_erase {i}")
+        if f.image:
+            image = f"in/{f.name}.img"
+            make_image(s.name, f, os.path.join(setup.sdir, image), setup)
+            steps.append(f"vx_write {i} {q(image)}")
+    return steps
+
+
+def net_steps(s, setup):
+    return [f"vx_eth0 {q(s.net.eth0 or '')}"]
+
+
+def run_steps(s, setup):
+    run = s.run
+    program = run.program if run.program.startswith("/") else setup.programs.get(run.program)
+    if not program:
+        raise SimError(f"{s.name}: unknown program {run.program}")
+    env = [f"{k}={v}" for k, v in sorted(run.env.items())]
+    return ["vx_run " + " ".join(q(a) for a in [str(run.timeout)] + env + ["--", program] + run.args)]
+
+
+def collect_steps(s, setup):
+    """The files [expect] looks at, copied out of the root after the run."""
+    collect = sorted(s.expect.files)
+    return ["vx_collect " + " ".join(q(p) for p in collect)] if collect else []
+
+
+STEPS = [root_steps, chip_steps, proc_steps, flash_steps, net_steps, run_steps, collect_steps]
+
+
+def prepare_scenario(s, sdir, programs):
+    """Writes the scenario's inputs below sdir and returns its steps."""
+    setup = Setup(sdir, programs)
+    os.makedirs(setup.indir, exist_ok=True)
+    return [step for emit in STEPS for step in emit(s, setup)]
+
+
+def batch_script(names_steps):
+    """The guest's script for one boot: each scenario's steps run in a
+    subshell that stops at the first failing step, then its root is torn
+    down whatever happened."""
+    out = ["# Written by vxsim for one boot of the simulated player."]
+    for name, steps in names_steps:
+        n = q(name)
+        out.append("( set -e\n  " + "\n  ".join(steps) + f"\n) > /vx/{n}/setup.log 2>&1\n"
+                   f"[ $? -eq 0 ] || echo failed > /vx/{n}/setup-failed\n"
+                   f"vx_end {n}")
+    return "\n".join(out) + "\n"
+
+
+def programs_used(scenarios):
+    """The named programs (not absolute paths) that the scenarios need from
+    the build: the programs they run, and vxtool when any image is made."""
+    used = {s.run.program for s in scenarios if not s.run.program.startswith("/")}
+    if any(f.image for s in scenarios for f in s.flash):
+        used.add("vxtool")
+    return sorted(used)
