@@ -6,7 +6,13 @@
 
 namespace {
 
+// The POSIX-threads callback block that initialisation registers; libgcrypt
+// 1.10 marks its type deprecated (it no longer needs it), but the
+// registration is part of the start-up sequence and is kept.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 GCRY_THREAD_OPTION_PTHREAD_IMPL;
+#pragma GCC diagnostic pop
 
 std::atomic<bool> s_gcrypt_initialised{false};
 

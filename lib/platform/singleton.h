@@ -15,9 +15,13 @@ namespace detail {
 template <typename T>
 constexpr std::string_view TypeName()
 {
+    // gcc: "... TypeName() [with T = Name; ...]", clang: "... TypeName() [T = Name]".
     constexpr std::string_view pretty = __PRETTY_FUNCTION__;
-    constexpr std::string_view marker = "[with T = ";
-    constexpr auto begin = pretty.find(marker) + marker.size();
+    constexpr std::string_view gcc_marker = "[with T = ";
+    constexpr std::string_view clang_marker = "[T = ";
+    constexpr auto begin = pretty.find(gcc_marker) != std::string_view::npos
+                               ? pretty.find(gcc_marker) + gcc_marker.size()
+                               : pretty.find(clang_marker) + clang_marker.size();
     constexpr auto end = pretty.find_first_of(";]", begin);
     return pretty.substr(begin, end - begin);
 }

@@ -17,6 +17,7 @@ public:
 
 namespace corvid_test {
 class Nested : public corvid::Singleton<Nested> {
+public:
     std::uint64_t m_value = 0;
 };
 } // namespace corvid_test

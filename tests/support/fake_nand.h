@@ -10,7 +10,7 @@
 
 #include "hardware/nand_access.h"
 
-class FakeNand : public NandAccess {
+class FakeNand final : public NandAccess {
 public:
     struct Call {
         std::string operation; // "IsBadBlock", "Read", "EraseBlock", ...
