@@ -3,13 +3,17 @@
 // whether the player may go on.
 #include "check/driver.h"
 #include "hardware/context.h"
+#include "hardware/hardware_config.h"
 
 int main()
 {
     LiveContext context;
+    // Step 1, outside the handlers: an exception here ends the process.
+    HardwareConfig config;
     return RunChecks(
         [] {
             CheckMemory();
+            WarnAboutSsd();
         },
         ShowFailurePattern);
 }

@@ -14,3 +14,10 @@ NandAccess::Pointer LiveContext::OpenWholeDevice(const std::string& name)
     return LinuxNandAccess::Create(Path(FindMtdPartition(name).device),
                                    LinuxNandAccess::WHOLE_DEVICE);
 }
+
+std::unique_ptr<EventDevice> LiveContext::OpenGpioEventDevice(int type)
+{
+    if (type == EV_KEY)
+        return std::make_unique<VeltrixEventDevice>(VeltrixEventDevice::InputSide{});
+    return std::make_unique<VeltrixEventDevice>(VeltrixEventDevice::OutputSide{});
+}

@@ -3,6 +3,7 @@
 // registered for the process:
 //   - Path("/proc/boardid"): a live path joined to the context's root;
 //   - OpenPartition / OpenWholeDevice: a NAND partition by its /proc/mtd name;
+//   - OpenGpioEventDevice: one side of the board's GPIO event device;
 //   - GetClock(): the monotonic clock and sleeping.
 // The program's main constructs a LiveContext (root "/", the MTD devices,
 // the system clock) before anything else; tests construct their own.
@@ -15,6 +16,7 @@
 #include <string_view>
 
 #include "hardware/bootloader_environment.h"
+#include "hardware/event_device.h"
 #include "hardware/nand_access.h"
 #include "platform/clock.h"
 #include "platform/root_dir.h"
@@ -31,6 +33,10 @@ public:
     virtual NandAccess::Pointer OpenPartition(const std::string& name) = 0;
     // The device of the partition called name, the whole device.
     virtual NandAccess::Pointer OpenWholeDevice(const std::string& name) = 0;
+
+    // The board's GPIO event device, "/dev/input/veltrix-gpio": its key side
+    // (EV_KEY, the inputs) or its LED side (EV_LED, the outputs).
+    virtual std::unique_ptr<EventDevice> OpenGpioEventDevice(int type) = 0;
 
     virtual corvid::Clock& GetClock() = 0;
 
@@ -60,6 +66,7 @@ public:
 
     NandAccess::Pointer OpenPartition(const std::string& name) override;
     NandAccess::Pointer OpenWholeDevice(const std::string& name) override;
+    std::unique_ptr<EventDevice> OpenGpioEventDevice(int type) override;
     corvid::Clock& GetClock() override { return m_clock; }
 
 private:

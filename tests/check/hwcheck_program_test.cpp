@@ -8,15 +8,22 @@
 
 namespace {
 
-TEST(HwcheckProgram, UnreadableMeminfoIsAnUnexpectedFailure)
+// A player whose kernel gives neither a board identity nor a flash table:
+// the configuration is read first, outside the checks, and reports what it
+// lacks; then the memory check cannot read /proc/meminfo.
+TEST(HwcheckProgram, ConfigurationFirstThenAnUnreadableMeminfo)
 {
     VXTEST_REQUIRE_SANDBOX();
     vxtest::Sandbox sandbox;
-    sandbox.BindContent("/proc/meminfo", "MemTotal: 999999 kB\n", 0000);
+    sandbox.ProcFile("meminfo", "MemTotal: 999999 kB\n", 0000);
     sandbox.DropFilePermissionOverride();
     const vxtest::RunResult result = sandbox.Run(VX_HWCHECK_PATH);
     EXPECT_EQ(result.exit_status, 2);
-    EXPECT_EQ(result.err, "ERROR: /proc/meminfo: Permission denied (errno 13)\n");
+    EXPECT_EQ(result.err,
+              "<3>Board identity unavailable: /proc/boardid: No such file or directory (errno 2)\n"
+              "BOOTLOADER ENVIRONMENT CORRUPT. PLEASE RUN MANUFACTURING TEST\n"
+              "SRB not valid. Please run manufacturing test.\n"
+              "ERROR: /proc/meminfo: Permission denied (errno 13)\n");
     EXPECT_EQ(sandbox.KernelLog(), "");
 }
 

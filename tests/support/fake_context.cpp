@@ -1,7 +1,10 @@
 #include "support/fake_context.h"
 
+#include <cerrno>
 #include <filesystem>
 #include <stdexcept>
+
+#include "platform/posix_helpers.h"
 
 FakeContext::FakeContext() : Context(corvid::RootDir(dir.Path())) {}
 
@@ -32,4 +35,11 @@ NandAccess::Pointer FakeContext::OpenPartition(const std::string& name)
 NandAccess::Pointer FakeContext::OpenWholeDevice(const std::string& name)
 {
     return OpenPartition(name);
+}
+
+std::unique_ptr<EventDevice> FakeContext::OpenGpioEventDevice(int type)
+{
+    if (!m_gpio.present)
+        throw corvid::ErrnoException(ENOENT, Path(GPIO_EVENT_DEVICE_PATH));
+    return std::make_unique<FakeEventDevice>(m_gpio, m_clock, type);
 }

@@ -9,6 +9,7 @@
 
 #include "hardware/context.h"
 #include "support/fake_clock.h"
+#include "support/fake_event_device.h"
 #include "support/fake_nand.h"
 #include "support/programs.h"
 
@@ -34,11 +35,16 @@ public:
 
     NandAccess::Pointer OpenPartition(const std::string& name) override;
     NandAccess::Pointer OpenWholeDevice(const std::string& name) override;
+    std::unique_ptr<EventDevice> OpenGpioEventDevice(int type) override;
     FakeClock& GetClock() override { return m_clock; }
+
+    // The GPIO event device both sides open.
+    FakeGpioBoard& GpioBoard() { return m_gpio; }
 
     const std::string& RootPath() const { return dir.Path(); }
 
 private:
     std::map<std::string, std::shared_ptr<FakeNand>> m_partitions;
     FakeClock m_clock;
+    FakeGpioBoard m_gpio;
 };

@@ -80,6 +80,25 @@ std::string OpensslHmacSha256(const std::string& key, const std::string& message
     return Openssl({"dgst", "-sha256", "-hmac", key, "-binary"}, message);
 }
 
+std::string OpensslSrbSignature(const std::string& key, const std::string& secure_id,
+                                const std::string& message)
+{
+    const std::string signature =
+        Openssl({"pkeyutl", "-sign", "-inkey", TestPrivateKey(key), "-pkeyopt", "digest:sha256"},
+                OpensslHmacSha256(secure_id, message));
+    return "A" + Openssl({"base64", "-A"}, signature);
+}
+
+std::string OpensslBlessingPayload(const std::string& key, const std::string& tag,
+                                   const std::string& names, const std::string& parameter,
+                                   const std::string& secure_id, const std::string& serial)
+{
+    const std::string optional = parameter.empty() ? "" : Field(parameter);
+    const std::string message =
+        Field(tag) + (tag == "BLES" ? Field(secure_id) + Field(serial) : "") + optional + Field(names);
+    return Field(names) + Field(OpensslSign(TestPrivateKey(key), message)) + optional;
+}
+
 std::string Field(const std::string& bytes)
 {
     return std::string{char(bytes.size() & 0xFF), char(bytes.size() >> 8)} + bytes;

@@ -35,6 +35,16 @@ std::string CanonicalPublicKey(const std::string& pem_path);
 // openssl dgst -sha256 -sign (raw signature) and -hmac (the 32 MAC bytes).
 std::string OpensslSign(const std::string& private_key_path, const std::string& message);
 std::string OpensslHmacSha256(const std::string& key, const std::string& message);
+// An SRB signature text made by openssl: "A" and the base64 of the PKCS#1
+// v1.5 SHA-256 signature of the HMAC of message (the signed variables as
+// "NAME\nVALUE\n", in name order) keyed with the Secure ID.
+std::string OpensslSrbSignature(const std::string& key, const std::string& secure_id,
+                                const std::string& message);
+// A blessing payload signed by openssl (fields: names, signature, and the
+// parameter only when it is not empty).
+std::string OpensslBlessingPayload(const std::string& key, const std::string& tag,
+                                   const std::string& names, const std::string& parameter,
+                                   const std::string& secure_id, const std::string& serial);
 
 // The what() of the standard exception that f throws, or "no exception".
 template <typename F>

@@ -47,6 +47,15 @@ void Isolate(const Launch& launch)
         if (mount(source.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0)
             ChildFail(target.c_str());
     }
+    if (!launch.proc.empty() && mount("proc", "/proc", "tmpfs", 0, "mode=0555") != 0)
+        ChildFail("/proc");
+    for (const auto& file : launch.proc) {
+        const std::string path = "/proc/" + file.name;
+        const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, file.mode);
+        if (fd < 0 || write(fd, file.content.data(), file.content.size()) < 0)
+            ChildFail(path.c_str());
+        close(fd);
+    }
 }
 
 } // namespace

@@ -45,6 +45,12 @@ struct Launch {
     bool isolate = false;
     std::string kmsg;
     std::vector<std::pair<std::string, std::string>> binds;
+    // When not empty: /proc is a tmpfs holding only these (name, content, mode).
+    struct ProcFile {
+        std::string name, content;
+        unsigned mode;
+    };
+    std::vector<ProcFile> proc;
     // Without the capabilities that let root bypass file permissions.
     bool drop_file_permission_override = false;
 };
@@ -70,6 +76,11 @@ public:
     // Binds a new file with this content over target; returns the file's path.
     std::string BindContent(const std::string& target, const std::string& content,
                             unsigned mode = 0644);
+    // Makes /proc a tmpfs that holds only the files given this way.
+    void ProcFile(const std::string& name, const std::string& content, unsigned mode = 0644)
+    {
+        m_launch.proc.push_back({name, content, mode});
+    }
     void DropFilePermissionOverride() { m_launch.drop_file_permission_override = true; }
 
     RunResult Run(const std::string& program, const std::vector<std::string>& args = {});

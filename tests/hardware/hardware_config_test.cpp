@@ -1,0 +1,141 @@
+// The hardware configuration of units made of openssl-signed records: the
+// bitfield, the messages, and the SSD check.
+#include <map>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "hardware/hardware_config.h"
+#include "support/fake_context.h"
+#include "support/oracles.h"
+
+namespace {
+
+using vxtest::OpensslBlessingPayload;
+using vxtest::Sha1sumChunk;
+using Variables = std::map<std::string, std::string>;
+
+const std::string ID = "5ec1d0000000c0de";
+const std::string SERIAL = "SIM0042";
+constexpr std::size_t E = 0x20000;
+
+struct Unit {
+    Unit(Variables v, std::string key, std::string id = ID)
+        : variables(std::move(v)), srb_key(std::move(key)), secure_id(std::move(id))
+    {
+    }
+    Variables variables;   // all of them signed variables
+    std::string srb_key;   // empty: no signature
+    std::string secure_id; // of the board the unit runs on
+    bool devid = true;     // a device-data partition
+    std::vector<std::string> chunks;
+};
+
+struct Outcome {
+    std::uint64_t bitfield;
+    bool srb_valid, configured;
+    std::string model, err;
+};
+
+Outcome Configure(Unit unit)
+{
+    FakeContext context;
+    if (!unit.srb_key.empty()) {
+        std::string message;
+        for (const auto& [name, value] : unit.variables)
+            message += name + "\n" + value + "\n";
+        const std::string text = vxtest::OpensslSrbSignature(unit.srb_key, ID, message);
+        unit.variables["VX_SIGNATURE_0"] = text.substr(0, 200);
+        unit.variables["VX_SIGNATURE_1"] = text.substr(200);
+    }
+    std::vector<std::string> texts;
+    for (const auto& [name, value] : unit.variables)
+        texts.push_back(name + "=" + value);
+    context.AddPartition("flash0.nvram", 4 * E, E)->PokeGood(vxtest::EnvironmentBlock(texts, E));
+    context.WriteFile("/proc/boardid", "ID: 0x42\nSecure-keys: 1\nSecure-ID: " + unit.secure_id + "\n");
+    if (unit.devid) {
+        std::string image = unit.chunks.empty() ? "" : "VXDD" + vxtest::Le32(0);
+        for (const std::string& chunk : unit.chunks)
+            image += chunk;
+        context.AddPartition("flash0.devid", 4 * E, E)->PokeGood(image);
+    }
+    testing::internal::CaptureStderr();
+    const HardwareConfig config;
+    const std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(config.GetSecureId(), unit.secure_id);
+    EXPECT_TRUE(config.GetSecureKeys());
+    return {config.GetHardwareBitfield(), config.IsSrbValid(), config.IsConfigured(),
+            config.GetModelName(), err};
+}
+
+TEST(HardwareConfig, WithoutAnSrbTheUnitHasNoCapabilities)
+{
+    const Outcome o = Configure(Unit({{"VX_FORMAT", "01"}, {"VX_HWFLAGS", "0x113"}}, "srb-1"));
+    EXPECT_EQ(o.err, "SRB not valid. Please run manufacturing test.\n");
+    EXPECT_EQ(o.bitfield, 0u);
+    EXPECT_FALSE(o.srb_valid || o.configured);
+}
+
+TEST(HardwareConfig, AnSrbThatDoesNotVerifyLosesThePrivilegedBits)
+{
+    const Outcome unsigned_unit =
+        Configure(Unit({{"VX_FORMAT", "1"}, {"VX_HWFLAGS", "0x30000113"}, {"VX_OEM_MODEL", "M"}}, ""));
+    EXPECT_EQ(unsigned_unit.err, "SRB is not signed. Modifying hardware config: SRB signature not found\n");
+    EXPECT_EQ(unsigned_unit.bitfield, 0x80100000113u);
+    EXPECT_EQ(unsigned_unit.model, "M");
+    EXPECT_TRUE(unsigned_unit.configured && !unsigned_unit.srb_valid);
+
+    // All ones on another board; without privileged bits nothing is said.
+    const Outcome foreign = Configure(Unit({{"VX_FORMAT", "1"}}, "srb-2", "5ec1d0000000c0df"));
+    EXPECT_EQ(foreign.err, "SRB is not signed. Modifying hardware config: SRB signature verification failed\n");
+    EXPECT_EQ(foreign.bitfield, 0xFFFFFBFFCFFFFFFFu);
+    EXPECT_EQ(Configure(Unit({{"VX_FORMAT", "1"}, {"VX_HWFLAGS", "0x113"}}, "blessing-1")).err, "");
+}
+
+TEST(HardwareConfig, ValidSrbZeroFlagsNorvaAndAMissingPartition)
+{
+    const Outcome all = Configure(Unit({{"VX_FORMAT", "1"}, {"VX_SERIAL", SERIAL}}, "srb-1"));
+    EXPECT_EQ(all.err, "");
+    EXPECT_EQ(all.bitfield, ~0ULL);
+    EXPECT_TRUE(all.srb_valid && all.configured);
+
+    Unit norva({{"VX_FORMAT", "1"}, {"VX_HWFLAGS", "0"}, {"VX_OEM_ID", "Norva"}}, "srb-2");
+    norva.devid = false;
+    EXPECT_EQ(Configure(norva).err,
+              "Hardware configuration bitfield is zero. Please reprogram SRB\n"
+              "Failed to enumerate blessings: Failed to find NAND partition named 'flash0.devid'\n");
+    EXPECT_EQ(Configure(norva).bitfield, 0x84100000000u);
+}
+
+TEST(HardwareConfig, BlessingsChangeTheBitfieldIgnoringCase)
+{
+    VXTEST_REQUIRE_TEST_KEYS();
+    Unit unit({{"VX_FORMAT", "1"}, {"VX_HWFLAGS", "0x8000000010111"}, {"VX_SERIAL", SERIAL}}, "srb-1");
+    unit.chunks = {Sha1sumChunk("BLES", OpensslBlessingPayload("blessing-1", "BLES",
+                                                               "DISABLE-HDMI:vxear:warp-drive", "", ID,
+                                                               SERIAL)),
+                   Sha1sumChunk("BOON", OpensslBlessingPayload("blessing-2", "BOON", "enable-dws", "p",
+                                                               "", ""))};
+    const Outcome o = Configure(unit);
+    EXPECT_EQ(o.err, "HardwareConfig: Unknown blessing: 'warp-drive'\n"
+                     "Hardware bitfield: before: 0x8080100010111 after: 0x28088100010110 "
+                     "blessings enumeration\n");
+    EXPECT_EQ(o.bitfield, 0x28088100010110u);
+}
+
+TEST(HardwareConfig, SsdCheckReadsGpioLine64)
+{
+    FakeContext context;
+    context.WriteFile("/proc/boardid", "Secure-ID: x\n");
+    testing::internal::CaptureStderr(); // no environment: the configuration reports it
+    HardwareConfig config;
+    testing::internal::GetCapturedStderr();
+    context.WriteFile("/sys/class/gpio/gpio64/direction", "in\n");
+    context.WriteFile("/sys/class/gpio/gpio64/value", "0\n");
+    EXPECT_EQ(config.CheckSsd(), "Incompatible SSD detected. This player only supports NVMe/PCIe SSDs.");
+    context.WriteFile("/sys/class/gpio/gpio64/value", "1\n");
+    EXPECT_EQ(config.CheckSsd(), "");
+}
+
+} // namespace

@@ -1,0 +1,54 @@
+// The board's GPIO event device in memory: both sides (keys and LEDs) share
+// one FakeGpioBoard, which keeps every event written with the fake clock's
+// time, and whose input levels a test can script over time.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "hardware/event_device.h"
+#include "support/fake_clock.h"
+
+struct FakeGpioBoard {
+    struct Event {
+        std::uint64_t ns; // the fake clock's time of the write
+        unsigned int code;
+        int value;
+        bool operator==(const Event&) const = default;
+    };
+
+    bool present = true; // false: opening fails as for a missing node
+    std::uint32_t inputs = 0x1000, outputs = 0x200, configurable = 0;
+    std::uint32_t output_levels = 0;
+    // The input levels at a time of the fake clock; all low when unset.
+    std::function<std::uint32_t(std::uint64_t ns)> input_levels;
+    std::vector<Event> events;
+    int open_sides = 0;
+};
+
+class FakeEventDevice final : public EventDevice {
+public:
+    FakeEventDevice(FakeGpioBoard& board, FakeClock& clock, int type);
+    ~FakeEventDevice() override { --m_board.open_sides; }
+
+    int GetFd() const override { return -1; }
+    std::uint32_t GetAvailablePins() const override;
+    void SetOutput(unsigned int pin, bool level) override;
+    bool GetOutput(unsigned int pin) override { return (ReadOutputLevels() >> pin) & 1; }
+    std::uint32_t ReadOutputLevels() override { return m_board.output_levels; }
+    std::uint32_t ReadInputLevels() override;
+    void SetMode(unsigned int, GpioBase::GPIO_MODE) override {}
+    std::uint32_t GetConfigurablePins() const override { return m_board.configurable; }
+    std::uint32_t ReadModes() override { return 0; }
+    void SetPinOption(unsigned int, int) override {}
+    void ReadEvent(input_event&) override {}
+    int MapPin(int pin) const override { return pin; }
+    std::uint32_t ReadAvailablePins() override { return GetAvailablePins(); }
+    std::uint32_t ReadConfigurablePins() override { return m_board.configurable; }
+
+private:
+    FakeGpioBoard& m_board;
+    FakeClock& m_clock;
+    int m_type;
+};
