@@ -60,7 +60,7 @@ private:
 };
 
 // The player itself: root "/", the kernel's MTD partitions, the system clock.
-class LiveContext final : public Context {
+class LiveContext : public Context {
 public:
     LiveContext() : Context(corvid::RootDir("/")) {}
 

@@ -14,7 +14,8 @@
 
 namespace {
 
-// The device tests read the player's own partitions.
+// The device tests read the player's own devices (one context for the
+// whole program).
 const LiveContext g_context;
 
 constexpr std::size_t E = 128 * 1024;

@@ -29,7 +29,7 @@ int Run(const Arguments& arguments)
     std::string serial;
     const bool have_serial = TakeOption(args, "--serial", serial);
     Arguments env_args;
-    const bool have_env = TakeEnvironmentSourceArguments(args, env_args);
+    const bool have_env = TakePrefixedSourceArguments(args, "env", env_args);
     ExpectNoMoreArguments(args);
     if (have_serial && have_env)
         throw UsageError("--serial and the --env-* options exclude each other");

@@ -23,14 +23,14 @@ std::string TakeSecureId(Arguments& args)
     }
 }
 
-bool TakeEnvironmentSourceArguments(Arguments& args, Arguments& env_args)
+bool TakePrefixedSourceArguments(Arguments& args, const std::string& prefix, Arguments& taken)
 {
     bool any = false;
     for (const char* option : {"--mtd", "--image", "--erase-size", "--write-size", "--bad-blocks"}) {
         std::string value;
-        if (TakeOption(args, std::string("--env-") + (option + 2), value)) {
-            env_args.push_back(option);
-            env_args.push_back(value);
+        if (TakeOption(args, "--" + prefix + "-" + (option + 2), value)) {
+            taken.push_back(option);
+            taken.push_back(value);
             any = true;
         }
     }

@@ -19,10 +19,10 @@ inline constexpr const char* ENV_SOURCE_USAGE =
     "[--env-mtd NAME | --env-image FILE --env-erase-size BYTES [--env-write-size BYTES] "
     "[--env-bad-blocks N,N,...]]";
 
-// Takes --env-mtd, --env-image, --env-erase-size, --env-write-size and
-// --env-bad-blocks out of args into a separate argument list with the
-// prefix removed, ready for TakeSourceOptions. Returns true when any was
-// present.
-bool TakeEnvironmentSourceArguments(Arguments& args, Arguments& env_args);
+// Takes the source options with a prefix (--env-mtd, --env-image,
+// --env-erase-size, --env-write-size, --env-bad-blocks for "env") out of
+// args into a separate argument list with the prefix removed, ready for
+// TakeSourceOptions. Returns true when any was present.
+bool TakePrefixedSourceArguments(Arguments& args, const std::string& prefix, Arguments& taken);
 
 } // namespace vxtool

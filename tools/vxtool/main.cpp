@@ -10,7 +10,7 @@
 #include <fmt/format.h>
 
 #include "command.h"
-#include "hardware/context.h"
+#include "tool_context.h"
 
 namespace vxtool {
 namespace {
@@ -88,7 +88,7 @@ void ExpectNoMoreArguments(const Arguments& args)
 int main(int argc, char** argv)
 {
     using namespace vxtool;
-    LiveContext context;
+    ToolContext context;
     if (argc < 2) {
         PrintCommands(stderr);
         return 2;
