@@ -1,6 +1,15 @@
 #include "hardware/context.h"
 
 #include "hardware/nand_access_linux.h"
+#include "platform/assert.h"
+
+Context* Context::GetInstance()
+{
+    auto* context = dynamic_cast<Context*>(corvid::SystemContext::GetInstance());
+    CORVID_ASSERT(context != nullptr, "lib/hardware/context", 9,
+                  "static Context* Context::GetInstance()", "context != nullptr");
+    return context;
+}
 
 NandAccess::Pointer LiveContext::OpenPartition(const std::string& name)
 {

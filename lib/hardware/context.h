@@ -7,7 +7,8 @@
 //   - GetClock(): the monotonic clock and sleeping.
 // The program's main constructs a LiveContext (root "/", the MTD devices,
 // the system clock) before anything else; tests construct their own.
-// Exactly one context lives at a time (corvid::Singleton).
+// Exactly one context lives at a time (it is the corvid::SystemContext of
+// the process, which the platform library reads its live paths from).
 #pragma once
 
 #include <memory>
@@ -18,16 +19,13 @@
 #include "hardware/bootloader_environment.h"
 #include "hardware/event_device.h"
 #include "hardware/nand_access.h"
-#include "platform/clock.h"
-#include "platform/root_dir.h"
-#include "platform/singleton.h"
+#include "platform/system_context.h"
 
-class Context : public corvid::Singleton<Context> {
+class Context : public corvid::SystemContext {
 public:
-    virtual ~Context() = default;
-
-    // A live path (absolute, as on the player) as this context reaches it.
-    virtual std::string Path(std::string_view live_path) const { return m_root.Path(live_path); }
+    // The registered context; a fatal assertion when the process registered
+    // none, or only the platform's.
+    static Context* GetInstance();
 
     // The partition called name in /proc/mtd, limited to the partition's size.
     virtual NandAccess::Pointer OpenPartition(const std::string& name) = 0;
@@ -37,8 +35,6 @@ public:
     // The board's GPIO event device, "/dev/input/veltrix-gpio": its key side
     // (EV_KEY, the inputs) or its LED side (EV_LED, the outputs).
     virtual std::unique_ptr<EventDevice> OpenGpioEventDevice(int type) = 0;
-
-    virtual corvid::Clock& GetClock() = 0;
 
     // The boot-loader environment of this context, loaded once (see
     // GetBootloaderEnvironment).
@@ -50,12 +46,9 @@ public:
     EnvironmentCache& GetEnvironmentCache() { return m_environment; }
 
 protected:
-    explicit Context(corvid::RootDir root) : m_root(std::move(root)) {}
-
-    const corvid::RootDir& Root() const { return m_root; }
+    explicit Context(corvid::RootDir root) : corvid::SystemContext(std::move(root)) {}
 
 private:
-    corvid::RootDir m_root;
     EnvironmentCache m_environment;
 };
 
