@@ -68,9 +68,7 @@ int RunChecks(const std::function<void()>& steps, const FailureDisplay& display)
     return CHECK_PASSED;
 }
 
-void ShowFailurePattern(ErrorLedPattern /*pattern*/)
+void ShowFailurePattern(ErrorLedPattern pattern)
 {
-    // The player's LED blink code is shown here once the LED driver is part
-    // of the program; until then a failure is reported by its message and
-    // exit status alone.
+    ShowLedErrorPattern(pattern, LED_CHECK_FLAGS);
 }

@@ -32,5 +32,7 @@ using FailureDisplay = std::function<void(ErrorLedPattern)>;
 // cannot be shown is reported and the status returned all the same.
 int RunChecks(const std::function<void()>& steps, const FailureDisplay& display);
 
-// The display of the real player: the error LED blink code.
+// The display of the real player: the error LED blink code with the
+// check's flags (crash after seventeen rounds, the button watched from the
+// second round on), so a failing run normally ends in the deliberate crash.
 void ShowFailurePattern(ErrorLedPattern pattern);

@@ -8,9 +8,10 @@
 
 namespace {
 
-// A player whose kernel gives neither a board identity nor a flash table:
-// the configuration is read first, outside the checks, and reports what it
-// lacks; then the memory check cannot read /proc/meminfo.
+// A player whose kernel gives neither a board identity nor a flash table
+// nor the GPIO event device: the configuration is read first, outside the
+// checks, and reports what it lacks; then the memory check cannot read
+// /proc/meminfo, and the blink code cannot be shown: the status stays.
 TEST(HwcheckProgram, ConfigurationFirstThenAnUnreadableMeminfo)
 {
     VXTEST_REQUIRE_SANDBOX();
@@ -23,7 +24,9 @@ TEST(HwcheckProgram, ConfigurationFirstThenAnUnreadableMeminfo)
               "<3>Board identity unavailable: /proc/boardid: No such file or directory (errno 2)\n"
               "BOOTLOADER ENVIRONMENT CORRUPT. PLEASE RUN MANUFACTURING TEST\n"
               "SRB not valid. Please run manufacturing test.\n"
-              "ERROR: /proc/meminfo: Permission denied (errno 13)\n");
+              "ERROR: /proc/meminfo: Permission denied (errno 13)\n"
+              "Unable to show the error LED pattern: /dev/input/veltrix-gpio: "
+              "No such file or directory (errno 2)\n");
     EXPECT_EQ(sandbox.KernelLog(), "");
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include "platform/clock.h"
@@ -20,10 +21,16 @@ public:
     {
         m_sleeps.push_back(microseconds);
         m_now_ns += std::uint64_t(microseconds) * 1000;
+        if (on_sleep)
+            on_sleep(m_now_ns);
     }
 
     std::uint64_t NowNanoseconds() const { return m_now_ns; }
+    void SetNanoseconds(std::uint64_t ns) { m_now_ns = ns; }
     const std::vector<unsigned int>& Sleeps() const { return m_sleeps; }
+
+    // Called after each sleep with the new time (to raise a signal, say).
+    std::function<void(std::uint64_t ns)> on_sleep;
 
 private:
     std::uint64_t m_now_ns;

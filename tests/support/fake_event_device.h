@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <ostream>
 #include <vector>
 
 #include "hardware/event_device.h"
@@ -16,6 +17,10 @@ struct FakeGpioBoard {
         unsigned int code;
         int value;
         bool operator==(const Event&) const = default;
+        friend void PrintTo(const Event& e, std::ostream* out)
+        {
+            *out << "{" << e.ns << " ns, code " << e.code << ", " << e.value << "}";
+        }
     };
 
     bool present = true; // false: opening fails as for a missing node
