@@ -10,11 +10,21 @@
 # (boardid, the renamed mtd table, any override) and symlinks into the real
 # procfs for everything else.
 #
+# The player's hardware (sim/hw): the GPIO chip's module is loaded afresh for
+# every scenario; the GPIO event device's server (vxevdev) and the splash
+# pipe's reader run only from before the program until after it.
+#
 # Every step prints what failed and returns non-zero; the batch script runs
 # a scenario's steps under "set -e" so that the first failure ends it.
 
 NANDSIM_IDS="first_id_byte=0x20 second_id_byte=0xaa third_id_byte=0x00 fourth_id_byte=0x15"
 PROCFS=/run/vxsim/procfs
+EVDEV_NODE=/dev/input/veltrix-gpio
+# The server's log and pid file, in the scenario root's tmpfs /run: the
+# server writes a line per event, and 9p would slow it down.
+EVDEV_LOG=/run/vxsim/vxevdev.log
+EVDEV_PID=/run/vxsim/vxevdev.pid
+SPLASH_PIPE=/boot-splash-pipe
 export PATH=/bin:/sbin:/usr/bin:/usr/sbin
 
 # vx_begin NAME: creates the scenario's root; the scenario directory is
@@ -105,6 +115,82 @@ vx_eth0() {
     ip link add eth0 type dummy && ip link set eth0 address "$1" && ip link set eth0 up
 }
 
+# vx_gpio LEVELS: the GPIO chip (lines 64..95) loaded afresh with the input
+# levels LEVELS (bit n for line 64 + n), so that no line is exported. An
+# exported line holds the module, so every line is unexported first.
+vx_gpio() {
+    if grep -q '^vxgpio ' /proc/modules; then
+        for line in /sys/class/gpio/gpio[0-9]*; do
+            [ -e "$line" ] || continue
+            echo "${line##*/gpio}" > /sys/class/gpio/unexport \
+                || { echo "cannot unexport ${line##*/}"; return 1; }
+        done
+        rmmod vxgpio || { echo "cannot unload vxgpio"; return 1; }
+    fi
+    insmod /modules/vxgpio.ko "levels=$1" || { echo "cannot load vxgpio levels=$1"; return 1; }
+    [ -d "$ROOT/sys/class/gpio/gpiochip64" ] || { echo "no gpiochip64 in the scenario's sysfs"; return 1; }
+}
+
+# vx_input_start VXEVDEV [OPTION...]: starts the GPIO event device's server
+# in the scenario's root, with a clean environment, and waits for its node.
+vx_input_start() {
+    chroot "$ROOT" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin ASAN_OPTIONS=detect_leaks=0 \
+        "$@" --daemon --log "$EVDEV_LOG" --pid-file "$EVDEV_PID" < /dev/null \
+        || { echo "the event device's server did not start"; return 1; }
+    [ -c "$ROOT$EVDEV_NODE" ] || { echo "no $EVDEV_NODE after the server started"; return 1; }
+}
+
+# vx_input_stop: stops the server (TERM) and waits until its node has gone,
+# and with it the server: its log is complete then. Copies the log to out/.
+vx_input_stop() {
+    vx_stop_server "$ROOT" && cp "$ROOT$EVDEV_LOG" "$SC/out/vxevdev.log"
+}
+
+# vx_stop_server ROOT: stops the event device's server of a scenario root,
+# if there is one.
+vx_stop_server() {
+    [ -f "$1$EVDEV_PID" ] || return 0
+    kill -TERM "$(cat "$1$EVDEV_PID")" || return 1
+    i=0
+    while [ -e "$1$EVDEV_NODE" ]; do
+        i=$((i + 1))
+        [ $i -le 500 ] || { echo "$EVDEV_NODE was still there 5 s after TERM"; return 1; }
+        sleep 0.01
+    done
+    rm -f "$1$EVDEV_PID"
+}
+
+# vx_splash_start: makes the splash pipe, a FIFO, and starts its reader,
+# which copies everything written to it to /tmp/NAME/splash, outside the
+# root. This shell keeps a write end open (fd 7) until vx_splash_stop, so
+# the reader sees no end of file when the program closes the pipe: it takes
+# any number of opens, in order. Opening that end waits for the reader's
+# open, so the reader is in place before the program starts.
+vx_splash_start() {
+    mkfifo "$ROOT$SPLASH_PIPE" || return 1
+    cat "$ROOT$SPLASH_PIPE" > "/tmp/$NAME/splash" &
+    SPLASH_READER=$!
+    exec 7> "$ROOT$SPLASH_PIPE"
+}
+
+# vx_splash_stop: closes the shell's write end, so that the reader, once it
+# has read everything, ends; collects what it read.
+vx_splash_stop() {
+    exec 7>&-
+    i=0
+    while kill -0 "$SPLASH_READER" 2>/dev/null; do
+        i=$((i + 1))
+        if [ $i -gt 500 ]; then
+            echo "the splash reader was still reading 5 s after the program: a writer is left"
+            kill "$SPLASH_READER"
+            return 1
+        fi
+        sleep 0.01
+    done
+    wait "$SPLASH_READER" 2>/dev/null
+    cp "/tmp/$NAME/splash" "$SC/out/splash"
+}
+
 # vx_kmsg FILE: every record now in the kernel log, in /dev/kmsg format.
 vx_kmsg() {
     chroot "$ROOT" /usr/bin/dd if=/dev/kmsg of="/run/vxsim/scenario/out/$1" iflag=nonblock bs=65536 2>/dev/null || true
@@ -135,7 +221,7 @@ vx_run() {
     status=0
     chroot "$ROOT" /usr/bin/timeout -s KILL "$RUN_TIMEOUT" \
         /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root "$@" \
-        < /dev/null > "$SC/out/stdout" 2> "$SC/out/stderr" || status=$?
+        < /dev/null > "$SC/out/stdout" 2> "$SC/out/stderr" 7>&- || status=$?
     echo $status > "$SC/out/status"
     read -r t1 rest < /proc/uptime
     echo "$t0 $t1" > "$SC/out/run-uptime"
@@ -152,11 +238,13 @@ vx_collect() {
     done
 }
 
-# vx_end NAME: unmounts everything below the scenario's root, innermost
-# first, and frees its tmpfs layers. Nothing is removed while anything is
-# still mounted there.
+# vx_end NAME: stops the event device's server if a failed step left it
+# running, unmounts everything below the scenario's root, innermost first,
+# and frees its tmpfs layers. Nothing is removed while anything is still
+# mounted there.
 vx_end() {
     root=/tmp/$1/root
+    vx_stop_server "$root" >&2 || true
     awk -v root="$root" '$2 == root || index($2, root "/") == 1 { print $2 }' /proc/mounts \
         | sort -r | while read -r m; do
             umount "$m" 2>/dev/null || umount -l "$m"

@@ -28,7 +28,21 @@ class ScenarioTest(unittest.TestCase):
             "stdin goes with vxtool": {"flash": [{"name": "a", "blocks": 1, "stdin": "x"}]},
             "the partitions need 2048 erase blocks": {"flash": [{"name": "a", "blocks": 2048}]},
             "partition names must differ": {"flash": [{"name": "a", "blocks": 1}, {"name": "a", "blocks": 1}]},
-            "[gpio] (sysfs GPIO lines) is not simulated yet": {"gpio": {"line64": 1}},
+            "[avs] (the AVS register block behind /dev/mem) is not simulated yet": {"avs": {}},
+            "[gpio]: 'levels' must be a mask of 32 bits": {"gpio": {"levels": 1 << 32}},
+            "[input]: pin 3 is not an input": {"input": {"press": ["3@100"]}},
+            "[input]: 'release' takes texts like": {"input": {"release": ["12:100"]}},
+            "[input]: epoch must be one of write, open, start": {"input": {"epoch": "close"}},
+            "[expect.input]: 3 writes have 2 gaps, not 3": {
+                "input": {}, "expect": {"status": 0, "input": {"writes": ["17 17 1"] * 3,
+                                                               "gaps_ms": [1, 2, 3]}}},
+            "[expect.input]: writes are texts like": {
+                "input": {}, "expect": {"status": 0, "input": {"writes": ["17,17,1"]}}},
+            "t: [expect.input] needs an event device": {"expect": {"status": 0, "input": {"writes": []}}},
+            "exit_after_press_ms needs a press": {
+                "input": {}, "expect": {"status": 0, "input": {"exit_after_press_ms": 10}}},
+            "t: [expect] splash needs [splash] reader = true": {"expect": {"status": 0, "splash": ""}},
+            "[splash]: 'reader' must be true or false": {"splash": {"reader": 1}},
             "[files]: paths must be absolute": {"files": {"etc/issue": "x"}},
             "[net]: eth0 must be a MAC address": {"net": {"eth0": "02:00:00:00:00"}},
             "[run]: env must map variable names": {"run": {"env": {"1A": "x"}}},
@@ -38,6 +52,13 @@ class ScenarioTest(unittest.TestCase):
         for message, change in cases.items():
             with self.subTest(message), self.assertRaisesRegex(SimError, re.escape(message)):
                 scenario(**change)
+
+    def test_hardware_defaults_a_healthy_unit_without_event_device_or_splash(self):
+        plain = scenario()
+        self.assertEqual((plain.gpio.levels, plain.input, plain.splash.reader), (1, None, False))
+        device = scenario(input={}, gpio={"levels": 0}).input  # an empty [input]: the defaults
+        self.assertEqual((device.inputs, device.outputs, device.configurable, device.levels,
+                          device.epoch), (0x1000, 0x200, 0, 0, "write"))
 
     def test_a_scenario_overrides_its_base_table_by_table(self):
         with tempfile.TemporaryDirectory() as d:

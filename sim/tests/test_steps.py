@@ -38,8 +38,25 @@ class StepsTest(unittest.TestCase):
             vx_write 0 in/flash0.nvram.img
             vx_erase 1
             vx_eth0 02:00:00:00:00:01
+            vx_gpio 0x1
             vx_run 120 'V=x'"'"'y' -- /b/vx-hwcheck 'a b'
             vx_collect /etc/issue""").split("\n"))
+
+    def test_the_device_server_and_splash_reader_run_around_the_program(self):
+        s = scenario(flash=[], net={}, gpio={"levels": 0x80000000}, splash={"reader": True},
+                     input={"outputs": 0x300, "press": ["12@3000", "12@9000"], "release": ["12@3100"],
+                            "epoch": "open"}, run={"program": "/bin/true"})
+        with tempfile.TemporaryDirectory() as d:
+            steps = prepare_scenario(s, d, {"vxevdev": "/b/vxevdev"})
+        self.assertEqual(steps[4:], [
+            "vx_gpio 0x80000000",
+            "vx_input_start /b/vxevdev --inputs 0x1000 --outputs 0x300 --configurable 0x0 --levels 0x0 "
+            "--epoch open --press 12@3000 --press 12@9000 --release 12@3100",
+            "vx_splash_start",
+            "vx_run 120 -- /bin/true",
+            "vx_splash_stop",
+            "vx_input_stop"])
+        self.assertEqual(programs_used([s]), ["vxevdev"])
 
     def test_a_failing_factory_script_stops_the_scenario(self):
         s = scenario(flash=[{"name": "a", "blocks": 2, "script": 'echo "$BLOCKS blocks" >&2; false'}])

@@ -5,7 +5,7 @@ import unittest
 from contextlib import redirect_stdout
 from dataclasses import replace
 
-from vxsim.guest import Result, read_results, user_records
+from vxsim.guest import Result, device_log, read_results, user_records
 from vxsim.verdict import judge, lines_match, report
 
 from . import scenario
@@ -83,6 +83,60 @@ class VerdictTest(unittest.TestCase):
         before = "6,10,100,-;kernel boot\n SUBSYSTEM=x\n12,11,200,-;old\n"
         after = before + "6,12,300,-;kernel later\n10,13,400,-;new\\x0anext\n11,14,500,-;more\n"
         self.assertEqual(user_records(before, after), ["<2>new\\x0anext", "<3>more"])
+
+
+
+class DeviceVerdictTest(unittest.TestCase):
+    # The server's log: LED writes 200 and 300 ms apart, the button pressed
+    # 900 ms after the epoch, the program's close 6 ms later.
+    LOG = ("5 ready\n10 open 1 42\n1000000000 start\n1000000000 write 17 17 1\n"
+           "1200000000 write 17 17 0\n1500000000 write 17 17 1\n1900000000 press 12\n"
+           "1906000000 close 1\n2000000000 exit\n")
+    WRITES = ["17 17 1", "17 17 0", "17 17 1"]
+
+    def judge(self, expect_input, log=LOG, **expect):
+        s = scenario(input={"press": ["12@900"]}, splash={"reader": "splash" in expect},
+                     expect=dict(status=0, input=expect_input, **expect))
+        return judge(s, Result(status=0, device_log=device_log(log) if log else None,
+                               splash="50%\n100%"))
+
+    def test_writes_gaps_within_tolerance_and_exit_after_press_pass(self):
+        self.assertEqual(self.judge({"writes": self.WRITES, "gaps_ms": [220, 280],
+                                     "exit_after_press_ms": 6}), [])
+
+    def test_wrong_writes_a_gap_just_outside_and_a_late_exit_fail_with_the_numbers(self):
+        wrong = ["17 17 1", "17 17 1", "17 17 0"]
+        self.assertEqual(self.judge({"writes": wrong, "gaps_ms": [200, 279.9],
+                                     "exit_after_press_ms": 5.9}), [
+            f"event-device writes differ:\n  expected: {wrong!r}\n  actual:   {self.WRITES!r}",
+            "write gaps outside 20 ms of the expected ones:\n  expected (ms): [200.0, 279.9]\n"
+            "  measured (ms): [200.0, 300.0]\n"
+            "  gap 2 (writes 2 to 3): expected 279.9 ms, measured 300.0 ms, off by +20.1",
+            "exit after press: expected the program's last close at most 5.9 ms after the press, "
+            "measured 6.00 ms (press at 900.0 ms, close at 906.0 ms after the epoch)"])
+
+    def test_a_missing_write_a_close_before_the_press_and_an_unfinished_server(self):
+        cut = self.LOG.replace("1500000000 write 17 17 1\n", "").replace("2000000000 exit\n", "200")
+        self.assertEqual(self.judge({"gaps_ms": [200, 300], "exit_after_press_ms": 10}, cut), [
+            "event device: its server's log has no 'exit' line: it did not stop cleanly",
+            "write gaps: expected 2 gaps (ms) [200.0, 300.0], but the device saw 2 writes, gaps [200.0]"])
+        early = self.LOG.replace("1906000000 close", "1800000000 close")
+        self.assertEqual(self.judge({"exit_after_press_ms": 10}, early), [
+            "exit after press: the program last closed the device at 800.0 ms after the epoch, "
+            "before any press"])
+        self.assertEqual(self.judge({"writes": []}, None),
+                         ["event device: the guest left no log of its server"])
+
+    def test_the_splash_reader_must_get_the_exact_bytes(self):
+        self.assertEqual(self.judge({}, splash="50%\n100%"), [])
+        self.assertEqual(self.judge({}, splash="50%\n100%\n"), [
+            "splash (what the reader got) differs:\n  expected: '50%\\n100%\\n'\n"
+            "  actual:   '50%\\n100%'"])
+
+    def test_a_step_failing_after_the_program_fails_the_scenario(self):
+        result = Result(status=0, steps_failed="no /dev/input/veltrix-gpio")
+        self.assertEqual(judge(scenario(), result),
+                         ["a step after the program failed:\n  no /dev/input/veltrix-gpio"])
 
 
 if __name__ == "__main__":

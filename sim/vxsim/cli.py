@@ -8,8 +8,8 @@ against the kernel's own MTD stack.
 
 A SCENARIO is a name in sim/scenarios (without ".toml") or a path to a file.
 Every scenario file names its batch; "batches" lists them, one a line with
-the programs the batch needs from the build. Scenarios with the same [boot]
-table share one boot of the guest. "run" ends with 0 when every expectation
+the seconds the batch may take and the programs it needs from the build.
+Scenarios with the same [boot] table share one boot of the guest. "run" ends with 0 when every expectation
 of every scenario held, 1 otherwise, and 2 when a scenario, the build or the
 host is wrong.
 """
@@ -19,9 +19,9 @@ import os
 import sys
 
 from . import SimError
-from .guest import run_boot
+from .guest import batch_timeout, run_boot
 from .kernel import ensure_kernel
-from .scenario import load_batches, load_scenario
+from .scenario import boot_groups, load_batches, load_scenario
 from .steps import programs_used
 from .verdict import report
 
@@ -30,6 +30,9 @@ DEFAULT_PROGRAMS = {
     "vx-hwcheck": "check/vx-hwcheck",
     "vxtool": "tools/vxtool/vxtool",
     "device_tests": "tests/device_tests",
+    "vxevdev": "sim/hw/vxevdev",
+    "vxevplay": "sim/hw/vxevplay",
+    "hw_device_tests": "sim/hw/hw_device_tests",
 }
 
 
@@ -62,11 +65,8 @@ def cmd_run(args, log):
         if n in programs and not os.access(programs[n], os.X_OK):
             raise SimError(f"{programs[n]} is missing; build the project first")
     kernel = ensure_kernel(build_dir, log)
-    groups = {}
-    for s in scenarios:
-        groups.setdefault(s.boot_key(), []).append(s)
     ok = True
-    for i, group in enumerate(groups.values()):
+    for i, group in enumerate(boot_groups(scenarios)):
         rundir = os.path.join(build_dir, "sim", "runs", f"{label}.{i}")
         results = run_boot(group, kernel, programs, rundir, args.timeout, log)
         for s in group:
@@ -76,7 +76,7 @@ def cmd_run(args, log):
 
 def cmd_batches(args, log):
     for name, scenarios in load_batches().items():
-        log(" ".join([name] + programs_used(scenarios)))
+        log(" ".join([name, str(batch_timeout(scenarios))] + programs_used(scenarios)))
     return 0
 
 
@@ -96,9 +96,10 @@ def parser():
     run.add_argument("--batch", metavar="NAME", help="run every scenario of a batch")
     run.add_argument("--build-dir", default="build")
     run.add_argument("--program", action="append", default=[], metavar="NAME=PATH",
-                     help="where a built program is (vx-hwcheck, vxtool, device_tests)")
+                     help="where a built program is (vx-hwcheck, vxtool, device_tests, vxevdev, ...)")
     run.add_argument("--name", help="name of the run directory below BUILD/sim/runs")
-    run.add_argument("--timeout", type=int, default=300, help="seconds per boot")
+    run.add_argument("--timeout", type=int, help="seconds per boot (default: 60, and 30 per "
+                     "scenario on top of its [run] timeout)")
     run.add_argument("--show", action="store_true", help="print every scenario's output")
     batches = sub.add_parser("batches", help="list the batches and the programs they need")
     batches.set_defaults(func=cmd_batches)

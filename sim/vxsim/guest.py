@@ -14,7 +14,23 @@ import time
 from dataclasses import dataclass, field
 
 from .initramfs import build_initramfs
+from .scenario import boot_groups
 from .steps import batch_script, prepare_scenario
+
+# Time limits of the guest, in seconds: a boot (kernel, modules, power-off)
+# and, per scenario, its set-up and tear-down on top of its [run] timeout.
+BOOT_SECONDS = 60
+SCENARIO_SECONDS = 30
+
+
+def boot_timeout(scenarios):
+    """How long one boot for the scenarios may take before it is stopped."""
+    return BOOT_SECONDS + sum(SCENARIO_SECONDS + s.run.timeout for s in scenarios)
+
+
+def batch_timeout(scenarios):
+    """How long a batch may take: each of its boots in turn."""
+    return sum(boot_timeout(g) for g in boot_groups(scenarios))
 
 
 @dataclass
@@ -28,6 +44,21 @@ class Result:
     kmsg: list[str] = field(default_factory=list)  # see user_records
     files: dict[str, str] = field(default_factory=dict)  # collected, by path
     seconds: float | None = None  # the program's run time, guest clock
+    device_log: list[tuple[int, str]] | None = None  # the event device's, see device_log
+    splash: str | None = None  # what the splash reader got; None: no reader
+    steps_failed: str | None = None  # setup.log, when a step after the run failed
+
+
+def device_log(text):
+    """The event device server's log as (CLOCK_MONOTONIC ns, event) pairs,
+    e.g. (1234, "write 17 17 1"); lines that are not "<ns> <event>" are left
+    out (a line cut short when the server was killed)."""
+    out = []
+    for line in text.split("\n"):
+        t, _, what = line.partition(" ")
+        if t.isdigit() and what:
+            out.append((int(t), what))
+    return out
 
 
 def user_records(before, after):
@@ -70,6 +101,15 @@ def read_results(sdir, collect):
         content = text(os.path.join("files", path.lstrip("/")))
         if content is not None:
             result.files[path] = content
+    log = text("vxevdev.log")
+    result.device_log = device_log(log) if log is not None else None
+    result.splash = text("splash")
+    if os.path.exists(os.path.join(sdir, "setup-failed")):
+        try:
+            with open(os.path.join(sdir, "setup.log"), errors="replace") as f:
+                result.steps_failed = f.read().strip()
+        except OSError:
+            result.steps_failed = ""
     try:
         t0, t1 = map(float, (text("run-uptime") or "").split())
         result.seconds = t1 - t0
@@ -107,8 +147,10 @@ def prepare_boot(scenarios, moddir, programs, rundir):
 def run_boot(scenarios, kernel, programs, rundir, timeout, log):
     """Boots the guest once for scenarios that share their [boot] table;
     returns {name: Result or None} and logs the boot's timing, and the end
-    of the guest's logs when the boot failed."""
+    of the guest's logs when the boot failed. Without a timeout the boot
+    may take boot_timeout(scenarios) seconds."""
     vmlinux, moddir = kernel
+    timeout = timeout or boot_timeout(scenarios)
     prepare_boot(scenarios, moddir, programs, rundir)
     memory, cmdline = scenarios[0].boot_key()
     start = time.monotonic()

@@ -1,6 +1,7 @@
 """The guest's kernel: the distribution's own image package, fetched with
 apt into the build tree once per kernel release, and the modules the guest
-loads, with everything they depend on."""
+loads, with everything they depend on; and the GPIO chip's module, built
+for that kernel by sim/hw/kmod.py."""
 
 import fcntl
 import gzip
@@ -9,16 +10,23 @@ import os
 import re
 import shutil
 import subprocess
+import sys
 import tempfile
 import zlib
 
-from . import SimError
+from . import SIM_DIR, SimError
+
+sys.path.insert(0, os.path.join(SIM_DIR, "hw"))
+import kmod  # noqa: E402  (sim/hw/kmod.py)
 
 KERNEL_METAPACKAGE = "linux-image-amd64"
 # Modules the guest loads, with everything they depend on: virtio and 9p for
-# the shares, overlayfs for the scenario roots, the NAND simulator and the
-# dummy network driver.
-MODULE_ROOTS = ["virtio_pci", "9pnet_virtio", "9p", "overlay", "nandsim", "dummy"]
+# the shares, overlayfs for the scenario roots, the NAND simulator, the
+# dummy network driver and CUSE for the GPIO event device.
+MODULE_ROOTS = ["virtio_pci", "9pnet_virtio", "9p", "overlay", "nandsim", "dummy", "cuse"]
+# The GPIO chip (sim/hw/gpio_chip), next to them but out of the load order:
+# the guest loads it per scenario.
+GPIO_MODULE = "vxgpio.ko"
 
 
 def _run(cmd, **kw):
@@ -127,8 +135,9 @@ def _install_modules(tree, dest):
 
 def ensure_kernel(build_dir, log=print):
     """Fetches and unpacks the distribution kernel into the build directory
-    (once per kernel release); returns (vmlinux path, module directory).
-    Without apt lists the newest cached kernel serves."""
+    (once per kernel release) and puts the GPIO chip's module, built for it,
+    next to its modules; returns (vmlinux path, module directory). Without
+    apt lists the newest cached kernel serves."""
     cache = os.path.join(build_dir, "sim", "kernel")
     os.makedirs(cache, exist_ok=True)
     with open(os.path.join(cache, "lock"), "w") as lock:
@@ -144,16 +153,32 @@ def ensure_kernel(build_dir, log=print):
         kdir = os.path.join(cache, package)
         vmlinux, moddir = os.path.join(kdir, "vmlinux"), os.path.join(kdir, "modules")
         ready = os.path.join(kdir, "ready")
-        if os.path.exists(ready) and open(ready).read() == " ".join(MODULE_ROOTS):
-            return vmlinux, moddir
-        log(f"vxsim: fetching {package} into {kdir}")
-        _unpack(package, kdir, vmlinux, moddir)
-        with open(ready, "w") as f:
-            f.write(" ".join(MODULE_ROOTS))
-        for other in os.listdir(cache):   # kernels of earlier releases
-            if other != package and other.startswith("linux-image-"):
-                shutil.rmtree(os.path.join(cache, other), ignore_errors=True)
+        if not (os.path.exists(ready) and open(ready).read() == " ".join(MODULE_ROOTS)):
+            log(f"vxsim: fetching {package} into {kdir}")
+            _unpack(package, kdir, vmlinux, moddir)
+            with open(ready, "w") as f:
+                f.write(" ".join(MODULE_ROOTS))
+            for other in os.listdir(cache):   # kernels of earlier releases
+                if other != package and other.startswith("linux-image-"):
+                    shutil.rmtree(os.path.join(cache, other), ignore_errors=True)
+        _install_gpio_module(build_dir, package, moddir, log)
         return vmlinux, moddir
+
+
+def _install_gpio_module(build_dir, package, moddir, log):
+    """Builds the GPIO chip's module for the kernel (kmod rebuilds it only
+    when its sources change) and copies it next to the kernel's modules."""
+    try:
+        ko = kmod.build_module(build_dir, package, log=log)
+    except kmod.KmodError as e:
+        raise SimError(f"the GPIO chip's module: {e}") from e
+    with open(ko, "rb") as f:
+        data = f.read()
+    target = os.path.join(moddir, GPIO_MODULE)
+    if not os.path.exists(target) or open(target, "rb").read() != data:
+        with open(target + ".tmp", "wb") as f:
+            f.write(data)
+        os.replace(target + ".tmp", target)
 
 
 def _unpack(package, kdir, vmlinux, moddir):

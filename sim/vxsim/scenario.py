@@ -21,11 +21,11 @@ OOB_SIZE = 64
 
 # Tables that a player will grow; accepted names, not yet simulated.
 RESERVED_TABLES = {
-    "input": "the LED/button input device",
-    "gpio": "sysfs GPIO lines",
     "avs": "the AVS register block behind /dev/mem",
-    "splash": "the boot splash pipe",
 }
+
+MASK_MAX = 0xFFFFFFFF  # GPIO masks: 32 lines or pins, bit n for line or pin n
+EPOCHS = ("write", "open", "start")  # see Input.epoch
 
 NAME = r"[A-Za-z0-9][A-Za-z0-9._-]*"
 
@@ -59,11 +59,44 @@ class Net:
 
 
 @dataclass
+class Gpio:
+    """The GPIO chip, lines 64..95: present in every scenario."""
+    levels: int = 0x1  # input levels, bit n for line 64 + n; line 64 high: healthy
+
+
+@dataclass
+class Input:
+    """The GPIO event device /dev/input/veltrix-gpio, served by vxevdev.
+    Masks have bit n for pin n (event code n + 8)."""
+    inputs: int = 0x1000  # the button, pin 12
+    outputs: int = 0x200  # the error LED, pin 9
+    configurable: int = 0
+    levels: int = 0
+    press: list[tuple[int, int]] = field(default_factory=list)  # (pin, ms after the epoch)
+    release: list[tuple[int, int]] = field(default_factory=list)
+    epoch: str = "write"  # the first write to the device, the first open, or the server's start
+
+
+@dataclass
+class Splash:
+    reader: bool = False  # a FIFO /boot-splash-pipe with a reader
+
+
+@dataclass
 class Run:
     program: str = "vx-hwcheck"
     args: list[str] = field(default_factory=list)
     env: dict[str, str] = field(default_factory=dict)
     timeout: int = 120
+
+
+@dataclass
+class ExpectInput:
+    """What the event device's log must show; None: not judged."""
+    writes: list[str] | None = None  # "TYPE CODE VALUE", in order
+    gaps_ms: list[float] | None = None  # between successive writes
+    tolerance_ms: float = 20
+    exit_after_press_ms: float | None = None  # from the last press to the last close
 
 
 @dataclass
@@ -73,6 +106,8 @@ class Expect:
     stderr: list[str] | None = None
     kmsg: list[str] | None = None
     files: dict[str, str | bool] = field(default_factory=dict)  # False: no such file
+    splash: str | None = None  # what the splash reader got
+    input: ExpectInput | None = None
 
 
 @dataclass
@@ -86,6 +121,9 @@ class Scenario:
     proc: dict[str, str] = field(default_factory=dict)
     files: dict[str, str] = field(default_factory=dict)
     net: Net = field(default_factory=Net)
+    gpio: Gpio = field(default_factory=Gpio)
+    input: Input | None = None  # None: no event device
+    splash: Splash = field(default_factory=Splash)
     run: Run = field(default_factory=Run)
 
     def boot_key(self):
@@ -97,7 +135,8 @@ class Table:
     """A table being read: keys are taken one by one, and whatever is left
     at the end is reported as unknown."""
 
-    KINDS = {str: "a text", int: "a number", list: "a list", dict: "a table"}
+    KINDS = {str: "a text", int: "a number", list: "a list", dict: "a table", bool: "true or false",
+             (int, float): "a number"}
 
     def __init__(self, data, scenario, path="", where=None):
         self.scenario, self.path = scenario, path
@@ -116,8 +155,22 @@ class Table:
         if key not in self.data:
             return default
         value = self.data.pop(key)
-        if not isinstance(value, kind) or (kind is int and isinstance(value, bool)):
+        if not isinstance(value, kind) or (kind is not bool and isinstance(value, bool)):
             raise self.error(f"'{key}' must be {self.KINDS[kind]}")
+        return value
+
+    def mask(self, key, default):
+        """A 32-bit mask, bit n for line or pin n."""
+        value = self.take(key, int, default)
+        if not 0 <= value <= MASK_MAX:
+            raise self.error(f"'{key}' must be a mask of 32 bits")
+        return value
+
+    def millis(self, key, default=None):
+        """A duration in milliseconds, not negative."""
+        value = self.take(key, (int, float), default)
+        if value is not None and value < 0:
+            raise self.error(f"'{key}' must not be negative")
         return value
 
     def texts(self, key, default=None):
@@ -205,6 +258,46 @@ def parse_net(t):
     return net
 
 
+def parse_gpio(t):
+    gpio = Gpio(levels=t.mask("levels", Gpio.levels))
+    t.done()
+    return gpio
+
+
+def parse_timed(t, key, inputs):
+    """press or release: "PIN@MS" texts, each an input pin and milliseconds
+    after the epoch."""
+    timed = []
+    for text in t.texts(key, []):
+        m = re.fullmatch(r"(\d+)@(\d+)", text)
+        if not m or int(m.group(1)) > 31:
+            raise t.error(f"'{key}' takes texts like \"12@3000\" (pin 0..31 @ milliseconds), "
+                          f"not {text!r}")
+        pin, ms = int(m.group(1)), int(m.group(2))
+        if not inputs >> pin & 1:
+            raise t.error(f"pin {pin} is not an input (see 'inputs')")
+        timed.append((pin, ms))
+    return timed
+
+
+def parse_input(t):
+    inputs = t.mask("inputs", Input.inputs)
+    device = Input(inputs=inputs, outputs=t.mask("outputs", Input.outputs),
+                   configurable=t.mask("configurable", Input.configurable),
+                   levels=t.mask("levels", Input.levels), press=parse_timed(t, "press", inputs),
+                   release=parse_timed(t, "release", inputs), epoch=t.take("epoch", str, "write"))
+    if device.epoch not in EPOCHS:
+        raise t.error(f"epoch must be one of {', '.join(EPOCHS)}")
+    t.done()
+    return device
+
+
+def parse_splash(t):
+    splash = Splash(reader=t.take("reader", bool, False))
+    t.done()
+    return splash
+
+
 def parse_run(t):
     run = Run(program=t.take("program", str, Run.program), args=t.texts("args", []),
               env=t.take("env", dict, {}), timeout=t.take("timeout", int, Run.timeout))
@@ -217,12 +310,33 @@ def parse_run(t):
     return run
 
 
+def parse_expect_input(t):
+    if not t.data:
+        return None
+    exp = ExpectInput(writes=t.texts("writes"), gaps_ms=t.take("gaps_ms", list),
+                      tolerance_ms=t.millis("tolerance_ms", ExpectInput.tolerance_ms),
+                      exit_after_press_ms=t.millis("exit_after_press_ms"))
+    for w in exp.writes or []:
+        if not re.fullmatch(r"\d+ \d+ -?\d+", w):
+            raise t.error(f"writes are texts like \"17 17 1\" (type code value), not {w!r}")
+    if exp.gaps_ms is not None:
+        if not all(isinstance(g, (int, float)) and not isinstance(g, bool) and g >= 0
+                   for g in exp.gaps_ms):
+            raise t.error("'gaps_ms' must be a list of milliseconds")
+        if exp.writes is not None and len(exp.gaps_ms) != max(len(exp.writes) - 1, 0):
+            raise t.error(f"{len(exp.writes)} writes have {max(len(exp.writes) - 1, 0)} gaps, "
+                          f"not {len(exp.gaps_ms)}")
+    t.done()
+    return exp
+
+
 def parse_expect(t):
     if "status" not in t:
         raise t.error("status is required")
     files = t.table("files")
     expect = Expect(status=t.take("status", int), stdout=t.texts("stdout"),
-                    stderr=t.texts("stderr"), kmsg=t.texts("kmsg"), files=files.data)
+                    stderr=t.texts("stderr"), kmsg=t.texts("kmsg"), files=files.data,
+                    splash=t.take("splash", str), input=parse_expect_input(t.table("input")))
     if "etc_issue" in t:
         expect.files["/etc/issue"] = t.take("etc_issue", str)
     for path, content in expect.files.items():
@@ -253,10 +367,19 @@ def parse_scenario(name, data):
         proc=parse_texts(doc.table("proc"), absolute=False),
         files=parse_texts(doc.table("files"), absolute=True),
         net=parse_net(doc.table("net")),
+        gpio=parse_gpio(doc.table("gpio")),
+        input=parse_input(doc.table("input")) if "input" in doc else None,
+        splash=parse_splash(doc.table("splash")),
         run=parse_run(doc.table("run")),
         expect=parse_expect(doc.table("expect")),
     )
     doc.done()
+    if s.expect.input and not s.input:
+        raise doc.error("[expect.input] needs an event device: add [input]")
+    if s.expect.input and s.expect.input.exit_after_press_ms is not None and not s.input.press:
+        raise doc.error("[expect.input] exit_after_press_ms needs a press in [input]")
+    if s.expect.splash is not None and not s.splash.reader:
+        raise doc.error("[expect] splash needs [splash] reader = true")
     return s
 
 
@@ -318,3 +441,12 @@ def load_batches(directory=SCENARIO_DIR):
             s = load_scenario(os.path.join(directory, fn))
             batches.setdefault(s.batch, []).append(s)
     return dict(sorted(batches.items()))
+
+
+def boot_groups(scenarios):
+    """Scenarios by boot: those with equal [boot] tables share one, in the
+    order of their first scenario."""
+    groups = {}
+    for s in scenarios:
+        groups.setdefault(s.boot_key(), []).append(s)
+    return list(groups.values())

@@ -4,7 +4,10 @@ run its program and collect what the program left. The steps are the
 functions of guest/player.sh.
 
 Each table contributes steps of its own, through one function in STEPS;
-the order of STEPS is the order in which the guest sets a player up.
+the order of STEPS is the order in which the guest sets a player up. A table
+whose guest part runs alongside the program (the event device's server, the
+splash reader) is a function in COMPANIONS instead, which returns the steps
+that start it before the program and those that stop it after.
 """
 
 import os
@@ -103,13 +106,53 @@ def net_steps(s, setup):
     return [f"vx_eth0 {q(s.net.eth0 or '')}"]
 
 
+def gpio_steps(s, setup):
+    """The GPIO chip loaded afresh with the scenario's input levels."""
+    return [f"vx_gpio {s.gpio.levels:#x}"]
+
+
+def input_companion(s, setup):
+    """The event device's server, from before the program until after it."""
+    d = s.input
+    if d is None:
+        return [], []
+    server = setup.programs.get("vxevdev")
+    if not server:
+        raise SimError(f"{s.name}: [input] needs the vxevdev program")
+    args = [server, "--inputs", f"{d.inputs:#x}", "--outputs", f"{d.outputs:#x}",
+            "--configurable", f"{d.configurable:#x}", "--levels", f"{d.levels:#x}",
+            "--epoch", d.epoch]
+    for option, timed in (("--press", d.press), ("--release", d.release)):
+        for pin, ms in timed:
+            args += [option, f"{pin}@{ms}"]
+    return ["vx_input_start " + " ".join(q(a) for a in args)], ["vx_input_stop"]
+
+
+def splash_companion(s, setup):
+    """The boot splash pipe and its reader."""
+    if not s.splash.reader:
+        return [], []
+    return ["vx_splash_start"], ["vx_splash_stop"]
+
+
+COMPANIONS = [input_companion, splash_companion]
+
+
 def run_steps(s, setup):
+    """The program, between the steps that start its companions and those
+    that stop them (in reverse order)."""
     run = s.run
     program = run.program if run.program.startswith("/") else setup.programs.get(run.program)
     if not program:
         raise SimError(f"{s.name}: unknown program {run.program}")
     env = [f"{k}={v}" for k, v in sorted(run.env.items())]
-    return ["vx_run " + " ".join(q(a) for a in [str(run.timeout)] + env + ["--", program] + run.args)]
+    starts, stops = [], []
+    for companion in COMPANIONS:
+        start, stop = companion(s, setup)
+        starts += start
+        stops[:0] = stop
+    words = [str(run.timeout)] + env + ["--", program] + run.args
+    return starts + ["vx_run " + " ".join(q(a) for a in words)] + stops
 
 
 def collect_steps(s, setup):
@@ -118,7 +161,8 @@ def collect_steps(s, setup):
     return ["vx_collect " + " ".join(q(p) for p in collect)] if collect else []
 
 
-STEPS = [root_steps, chip_steps, proc_steps, flash_steps, net_steps, run_steps, collect_steps]
+STEPS = [root_steps, chip_steps, proc_steps, flash_steps, net_steps, gpio_steps, run_steps,
+         collect_steps]
 
 
 def prepare_scenario(s, sdir, programs):
@@ -143,8 +187,11 @@ def batch_script(names_steps):
 
 def programs_used(scenarios):
     """The named programs (not absolute paths) that the scenarios need from
-    the build: the programs they run, and vxtool when any image is made."""
+    the build: the programs they run, vxtool when any image is made and
+    vxevdev when any has an event device."""
     used = {s.run.program for s in scenarios if not s.run.program.startswith("/")}
     if any(f.image for s in scenarios for f in s.flash):
         used.add("vxtool")
+    if any(s.input for s in scenarios):
+        used.add("vxevdev")
     return sorted(used)

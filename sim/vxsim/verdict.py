@@ -41,6 +41,93 @@ def judge_status(expected, result):
     return []
 
 
+def writes_of(log):
+    """The writes in the event device's log: [(ns, "TYPE CODE VALUE")]."""
+    return [(t, what[6:]) for t, what in log if what.startswith("write ")]
+
+
+def gaps_ms(writes):
+    return [(b - a) / 1e6 for (a, _), (b, _) in zip(writes, writes[1:])]
+
+
+def ms_list(values):
+    return "[" + ", ".join(f"{v:.1f}" for v in values) + "]"
+
+
+def press_to_close(log):
+    """(ns of the last press before the last close or None, ns of the last
+    close or None), from the event device's log."""
+    closes = [t for t, what in log if what.startswith("close ")]
+    if not closes:
+        return None, None
+    presses = [t for t, what in log if what.startswith("press ") and t <= closes[-1]]
+    return (presses[-1] if presses else None), closes[-1]
+
+
+def since_epoch(log):
+    """Milliseconds after the device's epoch (its "start" line, else its
+    first line) of a time in its log."""
+    start = next((t for t, what in log if what == "start"), log[0][0] if log else 0)
+    return lambda t: (t - start) / 1e6
+
+
+def judge_input(exp, log):
+    """The event device's log against [expect.input]: the writes in order,
+    the gaps between them, and how soon after the last press the program
+    closed the device for the last time."""
+    if log is None:
+        return ["event device: the guest left no log of its server"]
+    diffs = []
+    if not any(what == "exit" for _, what in log):
+        diffs.append("event device: its server's log has no 'exit' line: it did not stop cleanly")
+    writes = writes_of(log)
+    if exp.writes is not None and [w for _, w in writes] != exp.writes:
+        diffs.append(f"event-device writes differ:\n  expected: {exp.writes!r}\n"
+                     f"  actual:   {[w for _, w in writes]!r}")
+    if exp.gaps_ms is not None:
+        measured = gaps_ms(writes)
+        if len(measured) != len(exp.gaps_ms):
+            diffs.append(f"write gaps: expected {len(exp.gaps_ms)} gaps (ms) {ms_list(exp.gaps_ms)}, "
+                         f"but the device saw {len(writes)} writes, gaps {ms_list(measured)}")
+        else:
+            off = [f"  gap {i + 1} (writes {i + 1} to {i + 2}): expected {e} ms, measured "
+                   f"{m:.1f} ms, off by {m - e:+.1f}"
+                   for i, (e, m) in enumerate(zip(exp.gaps_ms, measured))
+                   if abs(m - e) > exp.tolerance_ms]
+            if off:
+                diffs.append(f"write gaps outside {exp.tolerance_ms} ms of the expected ones:\n"
+                             f"  expected (ms): {ms_list(exp.gaps_ms)}\n"
+                             f"  measured (ms): {ms_list(measured)}\n" + "\n".join(off))
+    if exp.exit_after_press_ms is not None:
+        press, close = press_to_close(log)
+        at = since_epoch(log)
+        if close is None:
+            diffs.append("exit after press: the program never closed the device")
+        elif press is None:
+            diffs.append(f"exit after press: the program last closed the device at {at(close):.1f} ms "
+                         "after the epoch, before any press")
+        elif (close - press) / 1e6 > exp.exit_after_press_ms:
+            diffs.append(f"exit after press: expected the program's last close at most "
+                         f"{exp.exit_after_press_ms} ms after the press, measured "
+                         f"{(close - press) / 1e6:.2f} ms (press at {at(press):.1f} ms, "
+                         f"close at {at(close):.1f} ms after the epoch)")
+    return diffs
+
+
+def device_summary(log):
+    """One line on the event device's log: the writes, their gaps, the
+    press that came last before the program's last close."""
+    writes, at = writes_of(log), since_epoch(log)
+    press, close = press_to_close(log)
+    text = f"{len(writes)} writes, gaps (ms) {ms_list(gaps_ms(writes))}"
+    if press is not None:
+        text += (f"; press at {at(press):.1f} ms after the epoch, "
+                 f"last close {(close - press) / 1e6:.2f} ms later")
+    elif close is not None:
+        text += f"; last close at {at(close):.1f} ms after the epoch"
+    return text
+
+
 def judge(scenario, result):
     """Compares a scenario's results with its expectations; returns the list
     of differences (empty when everything held)."""
@@ -70,6 +157,15 @@ def judge(scenario, result):
             diffs.append(f"{path}: expected {expected!r}, but there is no such file")
         else:
             compare(path, expected, actual)
+    if exp.splash is not None:
+        if result.splash is None:
+            diffs.append(f"splash: expected {exp.splash!r}, but the guest left nothing of the reader")
+        else:
+            compare("splash (what the reader got)", exp.splash, result.splash)
+    if exp.input is not None:
+        diffs.extend(judge_input(exp.input, result.device_log))
+    if result.steps_failed is not None:
+        diffs.append("a step after the program failed:\n  " + result.steps_failed.replace("\n", "\n  "))
     return diffs
 
 
@@ -97,6 +193,10 @@ def report(s, result, rundir, show, log):
                     log("  | " + line)
             elif stream == "stderr":
                 log("  --- stderr: empty ---")
+        if result.device_log is not None:
+            log(f"  --- event device: {device_summary(result.device_log)} ---")
+        if result.splash is not None:
+            log(f"  --- splash: {result.splash!r} ---")
         status = result.status if result.status is not None else "unknown"
         log(f"  --- exit status {status} ---")
     return not diffs
