@@ -200,8 +200,8 @@ vx_kmsg() {
 # vx_run SECONDS [VAR=VALUE...] -- PROGRAM [ARG...]: runs the program (an
 # absolute path) in the scenario's root with a clean environment plus the
 # given variables and no standard input, kills it after SECONDS, and records
-# its output and status, the kernel log around it and the /proc/meminfo it
-# saw.
+# its output and status, its process id, the kernel log around it and the
+# /proc/meminfo it saw.
 vx_run() {
     RUN_TIMEOUT=$1
     shift
@@ -210,18 +210,23 @@ vx_run() {
     for a; do
         shift
         if [ "$a" = "--" ]; then
-            set -- "$@" /bin/sh -c 'ln -s "'"$PROCFS"'/$$" "/proc/$$" && exec "$@"' vx_run
+            set -- "$@" /bin/sh -c 'ln -s "'"$PROCFS"'/$$" "/proc/$$" && echo $$ > /run/vxsim/scenario/out/pid && exec "$@"' vx_run
         else
             set -- "$@" "$a"
         fi
     done
-    chroot "$ROOT" /usr/bin/cat /proc/meminfo > "$SC/out/meminfo"
+    # A scenario may make /proc/meminfo unreadable on purpose.
+    chroot "$ROOT" /usr/bin/cat /proc/meminfo > "$SC/out/meminfo" 2>/dev/null || true
     vx_kmsg kmsg-before
     read -r t0 rest < /proc/uptime
     status=0
-    chroot "$ROOT" /usr/bin/timeout -s KILL "$RUN_TIMEOUT" \
+    # In a subshell that redirects its own descriptors before it becomes
+    # the program: ash applies a command's redirections in the waiting shell,
+    # whose "Aborted" for a program killed by a signal would otherwise land
+    # in the program's standard error.
+    (exec chroot "$ROOT" /usr/bin/timeout -s KILL "$RUN_TIMEOUT" \
         /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root "$@" \
-        < /dev/null > "$SC/out/stdout" 2> "$SC/out/stderr" 7>&- || status=$?
+        < /dev/null > "$SC/out/stdout" 2> "$SC/out/stderr" 7>&-) || status=$?
     echo $status > "$SC/out/status"
     read -r t1 rest < /proc/uptime
     echo "$t0 $t1" > "$SC/out/run-uptime"

@@ -41,6 +41,7 @@ class Result:
     stdout: str = ""
     stderr: str = ""
     meminfo: str = ""  # /proc/meminfo as the program saw it
+    pid: str = ""  # the program's process id
     kmsg: list[str] = field(default_factory=list)  # see user_records
     files: dict[str, str] = field(default_factory=dict)  # collected, by path
     seconds: float | None = None  # the program's run time, guest clock
@@ -96,6 +97,7 @@ def read_results(sdir, collect):
         status = None
     result = Result(status=status, status_text=status_text, stdout=text("stdout", ""),
                     stderr=text("stderr", ""), meminfo=text("meminfo", ""),
+                    pid=text("pid", "").strip(),
                     kmsg=user_records(text("kmsg-before", ""), text("kmsg-after", "")))
     for path in collect:
         content = text(os.path.join("files", path.lstrip("/")))

@@ -95,7 +95,8 @@ class ExpectInput:
     """What the event device's log must show; None: not judged."""
     writes: list[str] | None = None  # "TYPE CODE VALUE", in order
     gaps_ms: list[float] | None = None  # between successive writes
-    tolerance_ms: float = 20
+    gap_phases: list[int] | None = None  # how many timed phases each gap spans
+    tolerance_ms: float = 20  # per phase
     exit_after_press_ms: float | None = None  # from the last press to the last close
 
 
@@ -320,9 +321,19 @@ def parse_expect_input(t):
         if not re.fullmatch(r"\d+ \d+ -?\d+", w):
             raise t.error(f"writes are texts like \"17 17 1\" (type code value), not {w!r}")
     if exp.gaps_ms is not None:
-        if not all(isinstance(g, (int, float)) and not isinstance(g, bool) and g >= 0
-                   for g in exp.gaps_ms):
-            raise t.error("'gaps_ms' must be a list of milliseconds")
+        # A gap is milliseconds, or a text "300+1500" when it spans several
+        # timed phases; each phase may be off by tolerance_ms.
+        totals, phases = [], []
+        for g in exp.gaps_ms:
+            if isinstance(g, str) and re.fullmatch(r"\d+(\+\d+)*", g):
+                parts = [int(p) for p in g.split("+")]
+            elif isinstance(g, (int, float)) and not isinstance(g, bool) and g >= 0:
+                parts = [g]
+            else:
+                raise t.error("'gaps_ms' must be a list of milliseconds (or texts like \"300+1500\")")
+            totals.append(sum(parts))
+            phases.append(len(parts))
+        exp.gaps_ms, exp.gap_phases = totals, phases
         if exp.writes is not None and len(exp.gaps_ms) != max(len(exp.writes) - 1, 0):
             raise t.error(f"{len(exp.writes)} writes have {max(len(exp.writes) - 1, 0)} gaps, "
                           f"not {len(exp.gaps_ms)}")

@@ -8,8 +8,10 @@ import re
 from . import SimError
 
 
-def substitute(text, meminfo):
-    """Replaces ${meminfo:KEY} with the number of KEY in the guest's meminfo."""
+def substitute(text, meminfo, pid=""):
+    """Replaces ${meminfo:KEY} with the number of KEY in the guest's meminfo,
+    and ${pid} with the program's process id."""
+    text = text.replace("${pid}", pid)
     def number(m):
         v = re.search(rf"^{re.escape(m.group(1))}:\s*(\d+)", meminfo, re.M)
         if not v:
@@ -18,14 +20,25 @@ def substitute(text, meminfo):
     return re.sub(r"\$\{meminfo:([A-Za-z0-9_()]+)\}", number, text)
 
 
+# An expected line that ends in this marker is the text without a line end
+# (messages the program writes without one run into the next).
+NO_LINE_END = "<no line end>"
+
+
+def _text(line):
+    if line.endswith(NO_LINE_END):
+        return line[:-len(NO_LINE_END)]
+    return line + "\n"
+
+
 def lines_text(lines):
-    return "".join(line + "\n" for line in lines)
+    return "".join(_text(line) for line in lines)
 
 
 def lines_match(expected, actual):
     """Whether a text is exactly the expected lines, where a line "..."
     stands for any number of lines (dumps whose bytes do not matter)."""
-    pattern = "".join("(?:.*\n)*" if line == "..." else re.escape(line + "\n")
+    pattern = "".join("(?:.*\n)*" if line == "..." else re.escape(_text(line))
                       for line in expected)
     return re.fullmatch(pattern, actual) is not None
 
@@ -90,12 +103,13 @@ def judge_input(exp, log):
             diffs.append(f"write gaps: expected {len(exp.gaps_ms)} gaps (ms) {ms_list(exp.gaps_ms)}, "
                          f"but the device saw {len(writes)} writes, gaps {ms_list(measured)}")
         else:
+            phases = exp.gap_phases or [1] * len(exp.gaps_ms)
             off = [f"  gap {i + 1} (writes {i + 1} to {i + 2}): expected {e} ms, measured "
                    f"{m:.1f} ms, off by {m - e:+.1f}"
-                   for i, (e, m) in enumerate(zip(exp.gaps_ms, measured))
-                   if abs(m - e) > exp.tolerance_ms]
+                   for i, (e, m, k) in enumerate(zip(exp.gaps_ms, measured, phases))
+                   if abs(m - e) > exp.tolerance_ms * k]
             if off:
-                diffs.append(f"write gaps outside {exp.tolerance_ms} ms of the expected ones:\n"
+                diffs.append(f"write gaps outside {exp.tolerance_ms} ms a phase of the expected ones:\n"
                              f"  expected (ms): {ms_list(exp.gaps_ms)}\n"
                              f"  measured (ms): {ms_list(measured)}\n" + "\n".join(off))
     if exp.exit_after_press_ms is not None:
@@ -142,12 +156,13 @@ def judge(scenario, result):
         lines = getattr(exp, stream)
         if lines is None:
             continue
-        expected = [substitute(line, meminfo) for line in lines]
+        expected = [substitute(line, meminfo, result.pid) for line in lines]
         actual = getattr(result, stream)
         if not lines_match(expected, actual):
             compare(stream, lines_text(expected), actual)
     if exp.kmsg is not None:
-        compare("kernel-log records", [substitute(r, meminfo) for r in exp.kmsg], result.kmsg)
+        compare("kernel-log records", [substitute(r, meminfo, result.pid) for r in exp.kmsg],
+                result.kmsg)
     for path, content in exp.files.items():
         actual = result.files.get(path, False)
         expected = substitute(content, meminfo) if content is not False else False
