@@ -1,14 +1,13 @@
-// The context of a test: live paths under a scratch root, partitions held
-// in memory, a fake clock. Constructing one registers it for the process
-// (and so, in the code under test, for Context::GetInstance()).
+// The context of a test, registered for the process while it lives: live
+// paths under a scratch root, partitions held in memory, the system clock.
 #pragma once
 
+#include <filesystem>
 #include <map>
 #include <memory>
-#include <string>
+#include <stdexcept>
 
 #include "hardware/context.h"
-#include "support/fake_clock.h"
 #include "support/fake_nand.h"
 #include "support/programs.h"
 
@@ -21,24 +20,30 @@ struct ScratchRoot {
 
 class FakeContext : private vxtest_detail::ScratchRoot, public Context {
 public:
-    FakeContext();
+    FakeContext() : Context(corvid::RootDir(dir.Path())) {}
 
-    // Writes a file at a live path below the root ("/proc/meminfo").
-    std::string WriteFile(const std::string& live_path, const std::string& content,
-                          unsigned mode = 0644);
+    // Writes a file at a live path ("/proc/meminfo").
+    std::string WriteFile(const std::string& live_path, const std::string& content)
+    {
+        std::filesystem::create_directories(std::filesystem::path(Path(live_path)).parent_path());
+        return dir.WriteFile(live_path.substr(1), content);
+    }
 
-    // Makes a partition called name; OpenPartition and OpenWholeDevice hand
-    // it out. Unknown names fail as a missing /proc/mtd row does.
-    std::shared_ptr<FakeNand> AddPartition(const std::string& name, std::size_t total_size,
-                                           std::size_t erase_size, std::size_t write_size = 2048);
-
-    NandAccess::Pointer OpenPartition(const std::string& name) override;
-    NandAccess::Pointer OpenWholeDevice(const std::string& name) override;
-    FakeClock& GetClock() override { return m_clock; }
-
-    const std::string& RootPath() const { return dir.Path(); }
+    // A partition to open; other names fail as a missing /proc/mtd row does.
+    std::shared_ptr<FakeNand> AddPartition(const std::string& name, std::size_t size, std::size_t erase_size)
+    {
+        return m_partitions[name] = std::make_shared<FakeNand>(size, erase_size);
+    }
+    NandAccess::Pointer OpenPartition(const std::string& name) override
+    {
+        if (m_partitions.count(name) == 0)
+            throw std::runtime_error("Failed to find NAND partition named '" + name + "'");
+        return m_partitions[name];
+    }
+    NandAccess::Pointer OpenWholeDevice(const std::string& name) override { return OpenPartition(name); }
+    corvid::Clock& GetClock() override { return m_clock; }
 
 private:
     std::map<std::string, std::shared_ptr<FakeNand>> m_partitions;
-    FakeClock m_clock;
+    corvid::SystemClock m_clock;
 };
