@@ -1,98 +1,68 @@
-#include <stdexcept>
-#include <string>
-#include <vector>
-
+// The check's frame and steps; the whole program runs on the simulated player.
 #include <gtest/gtest.h>
 
 #include "check/driver.h"
 #include "check/hardware_failure.h"
-#include "platform/posix_helpers.h"
 #include "support/fake_context.h"
 
 namespace {
 
-struct Outcome {
-    int status;
-    std::string err;
-    std::vector<int> shown;
-};
-
-Outcome RunFrame(const std::function<void()>& steps, bool display_fails = false)
+// The status, standard error and the patterns shown, as "1|ERROR: ...\n|7,".
+std::string RunFrame(const std::function<void()>& steps, bool display_fails = false)
 {
-    Outcome outcome;
+    std::string shown;
     testing::internal::CaptureStderr();
-    outcome.status = RunChecks(steps, [&](ErrorLedPattern pattern) {
-        outcome.shown.push_back(pattern);
+    const int status = RunChecks(steps, [&](ErrorLedPattern pattern) {
+        shown += std::to_string(pattern) + ",";
         if (display_fails)
             throw corvid::ErrnoException(2, "/dev/input/veltrix-gpio");
     });
-    outcome.err = testing::internal::GetCapturedStderr();
-    return outcome;
+    return std::to_string(status) + "|" + testing::internal::GetCapturedStderr() + "|" + shown;
 }
 
 TEST(RunChecks, StatusMessageAndPatternPerKindOfFailure)
 {
-    const Outcome passed = RunFrame([] {});
-    EXPECT_EQ(passed.status, 0);
-    EXPECT_EQ(passed.err, "");
-    EXPECT_TRUE(passed.shown.empty());
+    const auto ethernet = [] { throw HardwareFailure("Ethernet device not found", ERROR_LED_ETHERNET); };
+    EXPECT_EQ(RunFrame([] {}), "0||");
+    EXPECT_EQ(RunFrame(ethernet), "1|ERROR: Ethernet device not found\n|7,");
+    EXPECT_EQ(RunFrame([] { throw std::out_of_range("map::at"); }), "2|ERROR: map::at\n|2,");
+    EXPECT_EQ(RunFrame([] { throw 42; }), "2|ERROR: Unknown exception\n|2,");
+    // A meminfo that cannot be read is an unexpected failure.
+    const FakeContext context;
+    EXPECT_EQ(RunFrame(CheckMemory), "2|ERROR: " + context.Path("/proc/meminfo") +
+                                         ": No such file or directory (errno 2)\n|2,");
 
-    const Outcome hardware = RunFrame([] { throw HardwareFailure("Ethernet device not found", ERROR_LED_ETHERNET); });
-    EXPECT_EQ(hardware.status, 1);
-    EXPECT_EQ(hardware.err, "ERROR: Ethernet device not found\n");
-    EXPECT_EQ(hardware.shown, std::vector<int>{7});
-
-    const Outcome standard = RunFrame([] { throw std::out_of_range("map::at"); });
-    EXPECT_EQ(standard.status, 2);
-    EXPECT_EQ(standard.err, "ERROR: map::at\n");
-    EXPECT_EQ(standard.shown, std::vector<int>{2});
-
-    const Outcome unknown = RunFrame([] { throw 42; });
-    EXPECT_EQ(unknown.status, 2);
-    EXPECT_EQ(unknown.err, "ERROR: Unknown exception\n");
-    EXPECT_EQ(unknown.shown, std::vector<int>{2});
-}
-
-TEST(RunChecks, PatternThatCannotBeShownKeepsTheStatus)
-{
-    const Outcome hardware = RunFrame([] { throw HardwareFailure("Insufficient memory detected", ERROR_LED_GENERAL); }, true);
-    EXPECT_EQ(hardware.status, 1);
-    EXPECT_EQ(hardware.err,
-              "ERROR: Insufficient memory detected\n"
-              "Unable to show the error LED pattern: "
-              "/dev/input/veltrix-gpio: No such file or directory (errno 2)\n");
-    EXPECT_EQ(RunFrame([] { throw 1; }, true).status, 2);
-}
-
-// The memory check on a meminfo text: the failure message or "", and
-// standard error.
-std::pair<std::string, std::string> CheckMemoryOf(const std::string& meminfo)
-{
-    FakeContext context;
-    context.WriteFile("/proc/meminfo", meminfo);
-    testing::internal::CaptureStderr();
-    std::string failure;
-    try {
-        CheckMemory();
-    } catch (const HardwareFailure& e) {
-        EXPECT_EQ(e.GetPattern(), ERROR_LED_GENERAL);
-        failure = e.what();
-    }
-    return {failure, testing::internal::GetCapturedStderr()};
+    // A pattern that cannot be shown keeps the status.
+    const std::string unshown = "Unable to show the error LED pattern: "
+                                "/dev/input/veltrix-gpio: No such file or directory (errno 2)\n";
+    EXPECT_EQ(RunFrame(ethernet, true), "1|ERROR: Ethernet device not found\n" + unshown + "|7,");
+    EXPECT_EQ(RunFrame([] { throw 1; }, true), "2|ERROR: Unknown exception\n" + unshown + "|2,");
 }
 
 TEST(CheckMemory, ThresholdIs200MiBReadLikeStrtoulInBaseZero)
 {
-    using Result = std::pair<std::string, std::string>;
-    const Result passed{"", ""};
-    const Result low{"Insufficient memory detected", "Insufficient memory detected: 204799KB.\n"};
-    EXPECT_EQ(CheckMemoryOf("MemTotal:         204800 kB\nMemFree: 1 kB\n"), passed);
-    EXPECT_EQ(CheckMemoryOf("MemFree: 1 kB\nMemTotal:  204799 kB\n"), low);
-    EXPECT_EQ(CheckMemoryOf("MemTotal: 0x32000 kB\n"), passed);   // 204800
-    EXPECT_EQ(CheckMemoryOf("MemTotal: 0617777 kB\n"), low);      // 204799 in octal
-    EXPECT_EQ(CheckMemoryOf("MemTotal:\tkB\n").second, "Insufficient memory detected: 0KB.\n");
-    for (const char* text : {"MemFree: 1 kB\nMemTotalx: 204800 kB\n", ""})
-        EXPECT_EQ(CheckMemoryOf(text), Result("Can't determine memory configuration", ""));
+    const std::string low = "Insufficient memory detected 2|Insufficient memory detected: 204799KB.\n";
+    const std::pair<const char*, std::string> cases[] = {
+        {"MemTotal:         204800 kB\nMemFree: 1 kB\n", "passed|"},
+        {"MemFree: 1 kB\nMemTotal:  204799 kB\n", low},
+        {"MemTotal: 0x32000 kB\n", "passed|"}, // 204800
+        {"MemTotal: 0617777 kB\n", low},       // 204799 in octal
+        {"MemTotal:\tkB\n", "Insufficient memory detected 2|Insufficient memory detected: 0KB.\n"},
+        {"MemFree: 1 kB\nMemTotalx: 204800 kB\n", "Can't determine memory configuration 2|"},
+        {"", "Can't determine memory configuration 2|"},
+    };
+    for (const auto& [meminfo, expected] : cases) {
+        FakeContext context;
+        context.WriteFile("/proc/meminfo", meminfo);
+        testing::internal::CaptureStderr();
+        std::string failure = "passed"; // or the failure's message and pattern
+        try {
+            CheckMemory();
+        } catch (const HardwareFailure& e) {
+            failure = e.what() + std::string(" ") + std::to_string(e.GetPattern());
+        }
+        EXPECT_EQ(failure + "|" + testing::internal::GetCapturedStderr(), expected) << meminfo;
+    }
 }
 
 } // namespace

@@ -10,8 +10,8 @@
 #include "hardware/event_device.h"
 #include "hardware/gpio_sysfs.h"
 #include "support/fake_context.h"
-#include "support/kernel_log.h"
 #include "support/oracles.h"
+#include "support/programs.h"
 
 namespace {
 
@@ -69,13 +69,14 @@ TEST_F(GpioSysfsTest, ExportsAnAbsentPinAndReportsAFailedExport)
 {
     m_context.WriteFile("/sys/class/gpio/export", "");
     // Exported, but no pin directory appears over regular files.
-    EXPECT_EQ(vxtest::ErrnoOf([] { GpioSysfs pin(64); }),
-              std::make_pair(ENOENT, m_context.Path("/sys/class/gpio/gpio64/value")));
+    EXPECT_EQ(WhatOf([] { GpioSysfs pin(64); }),
+              m_context.Path("/sys/class/gpio/gpio64/value") + ": No such file or directory (errno 2)");
     EXPECT_EQ(File("export"), "64\n");
 
     std::remove(m_context.Path("/sys/class/gpio/export").c_str());
     testing::internal::CaptureStderr();
-    EXPECT_EQ(vxtest::ErrnoOf([] { GpioSysfs pin(65); }).first, ENOENT);
+    EXPECT_EQ(WhatOf([] { GpioSysfs pin(65); }),
+              m_context.Path("/sys/class/gpio/export") + ": No such file or directory (errno 2)");
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "Failed to export GPIO65: " + m_context.Path("/sys/class/gpio/export") +
                   ": No such file or directory (errno 2)\n");
@@ -83,8 +84,7 @@ TEST_F(GpioSysfsTest, ExportsAnAbsentPinAndReportsAFailedExport)
 
 TEST_F(GpioSysfsTest, InitializeRefusesModesSysfsCannotProvide)
 {
-    if (vxtest::KernelLogFile().empty())
-        GTEST_SKIP() << "needs the kernel log isolated in a file (root)";
+    VXTEST_REQUIRE_ISOLATION();
     Pin("in\n", "0");
     EXPECT_EXIT(GpioSysfs(64).Initialize(GpioBase::GPIO_MODE_SPECIAL, GpioBase::GPIO_STATE_LOW),
                 testing::KilledBySignal(SIGABRT), "");
@@ -120,11 +120,12 @@ TEST(LinuxEventDevice, OpeningFailures)
 {
     vxtest::TempDir dir;
     const std::string absent = dir.Path() + "/absent";
-    EXPECT_EQ(vxtest::ErrnoOf([&] { LinuxEventDevice(absent, EV_KEY); }), std::make_pair(ENOENT, absent));
+    EXPECT_EQ(WhatOf([&] { LinuxEventDevice(absent, EV_KEY); }),
+              absent + ": No such file or directory (errno 2)");
     // A regular file answers no query: the error has no context.
     const std::string plain = dir.WriteFile("plain", "");
-    EXPECT_EQ(vxtest::ErrnoOf([&] { LinuxEventDevice(plain, EV_LED); }),
-              std::make_pair(ENOTTY, std::string()));
+    EXPECT_EQ(WhatOf([&] { LinuxEventDevice(plain, EV_LED); }),
+              "Inappropriate ioctl for device (errno 25)");
 }
 
 } // namespace

@@ -52,13 +52,13 @@ Outcome Configure(Unit unit)
     std::vector<std::string> texts;
     for (const auto& [name, value] : unit.variables)
         texts.push_back(name + "=" + value);
-    context.AddPartition("flash0.nvram", 4 * E, E)->PokeGood(vxtest::EnvironmentBlock(texts, E));
+    context.AddPartition("flash0.nvram", 4 * E, E)->Poke(0, vxtest::EnvironmentBlock(texts, E));
     context.WriteFile("/proc/boardid", "ID: 0x42\nSecure-keys: 1\nSecure-ID: " + unit.secure_id + "\n");
     if (unit.devid) {
         std::string image = unit.chunks.empty() ? "" : "VXDD" + vxtest::Le32(0);
         for (const std::string& chunk : unit.chunks)
             image += chunk;
-        context.AddPartition("flash0.devid", 4 * E, E)->PokeGood(image);
+        context.AddPartition("flash0.devid", 4 * E, E)->Poke(0, image);
     }
     testing::internal::CaptureStderr();
     const HardwareConfig config;

@@ -12,8 +12,8 @@
 
 #include "hardware/leds.h"
 #include "support/fake_context.h"
-#include "support/kernel_log.h"
 #include "support/oracles.h"
+#include "support/programs.h"
 
 namespace {
 
@@ -108,15 +108,14 @@ TEST(ShowLedErrorPattern, WithoutADeviceItThrowsAndDetaches)
     FakeContext context;
     corvid::SignalDispatcher dispatcher;
     context.GpioBoard().present = false;
-    EXPECT_EQ(vxtest::ErrnoOf([] { ShowLedErrorPattern(ERROR_LED_GENERAL, LED_SIGNALS_BREAK); }).first,
-              ENOENT);
+    EXPECT_EQ(vxtest::WhatOf([] { ShowLedErrorPattern(ERROR_LED_GENERAL, LED_SIGNALS_BREAK); }),
+              context.Path("/dev/input/veltrix-gpio") + ": No such file or directory (errno 2)");
     EXPECT_TRUE(dispatcher.GetObservers().empty());
 }
 
 TEST(ShowLedErrorPatternDeathTest, PatternZeroAndTheForcedCrash)
 {
-    if (vxtest::KernelLogFile().empty())
-        GTEST_SKIP() << "needs the kernel log isolated in a file (root)";
+    VXTEST_REQUIRE_ISOLATION();
     const std::string where = "lib/hardware/leds:";
     const std::string function = ":bool ShowLedErrorPattern(ErrorLedPattern, unsigned int)\n";
     FakeContext context;

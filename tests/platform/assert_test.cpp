@@ -1,25 +1,35 @@
-// Assertion reports: to the kernel log, and to standard error where the
-// kernel log cannot be opened; the C library's entry points replaced for the
-// whole process, shared libraries included.
+// Assertion reports, to the kernel log or else to standard error; the C library's
+// entry points replaced for the whole process, libraries included; the singleton's checks.
 #include <unistd.h>
 
 #include <csignal>
-#include <string>
+#include <cstdint>
 
 #include <gtest/gtest.h>
 
 #include "platform/assert.h"
-#include "support/kernel_log.h"
+#include "platform/singleton.h"
 #include "support/programs.h"
+
+class SingletonProbe : public corvid::Singleton<SingletonProbe> {
+public:
+    static void Force(std::uintptr_t address) { sm_instance = reinterpret_cast<SingletonProbe*>(address); }
+    std::uint64_t m_value = 0; // real instances have members, so are aligned
+};
+
+namespace corvid_test {
+struct Nested : corvid::Singleton<Nested> {
+    std::uint64_t m_value = 0;
+};
+} // namespace corvid_test
 
 namespace {
 
-const std::string LED = "lib/hardware/leds:168:bool ShowLedErrorPattern(ErrorLedPattern, unsigned int)";
+const std::string LIBRARY = VX_SOURCE_DIR "/tests/platform/probe/failing_library.c";
 
-TEST(AssertionReport, KernelLogRecordsAndDump)
+TEST(AssertionReport, KernelLogRecords)
 {
-    if (vxtest::KernelLogFile().empty())
-        GTEST_SKIP() << "needs the kernel log isolated in a file (root)";
+    VXTEST_REQUIRE_ISOLATION();
     const std::size_t before = vxtest::ReadFile(vxtest::KernelLogFile()).size();
     corvid::AssertionReport("lib/hardware/leds", 168,
                             "bool ShowLedErrorPattern(ErrorLedPattern, unsigned int)", "pattern > 0");
@@ -28,56 +38,79 @@ TEST(AssertionReport, KernelLogRecordsAndDump)
     const std::string pid = std::to_string(getpid());
     EXPECT_EQ(vxtest::ReadFile(vxtest::KernelLogFile()).substr(before),
               "<2>User space assert from process " + pid + ": pattern > 0\n"
-              "ASSERT Executing " + LED + "\n"
+              "ASSERT Executing lib/hardware/leds:168:bool ShowLedErrorPattern(ErrorLedPattern, "
+              "unsigned int)\n"
               "<2>User space assert from " + pid + ": Invalid pointer\n"
               "Pointer=0x1004\n"
               "ASSERT Executing lib/platform/singleton:71:f()\n");
-
-    testing::internal::CaptureStdout();
-    corvid::DumpNamedValue("RHS", 0xFFFFFFFFFFFFFFFFULL);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "RHS=18446744073709551615 (0xffffffffffffffff)\r\n");
 }
 
 TEST(AssertionReport, FallsBackToStandardErrorAndAborts)
 {
-    VXTEST_REQUIRE_SANDBOX();
-    const auto run = [](const char* which) {
+    VXTEST_REQUIRE_ISOLATION();
+    const std::pair<const char*, std::string> cases[] = {
+        {"assert", "\r\nASSERT FAILED: value == 42\r\n" + LIBRARY + ":11:probe_library_assert\r\n\r\n"},
+        {"detail", "\r\nASSERT FAILED: Invalid pointer\r\nPointer=0x1004\n"
+                   "\r\nlib/platform/singleton:71:f()\r\n\r\n"},
+    };
+    for (const auto& [which, expected] : cases) {
         vxtest::Sandbox sandbox;
         sandbox.BindContent("/dev/kmsg", "", 0000);
-        sandbox.DropFilePermissionOverride();
-        return sandbox.Run(VX_ASSERT_PROBE_PATH, {which});
-    };
-    const vxtest::RunResult own = run("own");
-    EXPECT_EQ(own.signal, SIGABRT);
-    EXPECT_EQ(own.err, "\r\nASSERT FAILED: pattern > 0\r\n" + LED + "\r\n\r\n");
-    EXPECT_EQ(run("detail").err, "\r\nASSERT FAILED: Invalid pointer\r\nPointer=0x1004\n"
-                                 "\r\nlib/platform/singleton:71:f()\r\n\r\n");
+        sandbox.drop_file_permission_override = true;
+        const vxtest::RunResult result = vxtest::Run(VX_ASSERT_PROBE_PATH, {which}, {}, &sandbox);
+        EXPECT_EQ(result.signal, SIGABRT) << which;
+        EXPECT_EQ(result.err, expected);
+    }
 }
 
 TEST(AssertionEntryPoints, ReplaceTheCLibraryForSharedLibraries)
 {
-    VXTEST_REQUIRE_SANDBOX();
-    const std::string library = VX_SOURCE_DIR "/tests/platform/probe/failing_library.c";
-#ifdef __clang__ // the C library's assert() passes the function as the compiler names it
-    const std::string assert_fn = "void probe_library_assert(int)";
-    const std::string perror_fn = "void probe_library_assert_perror(int)";
-#else
-    const std::string assert_fn = "probe_library_assert", perror_fn = "probe_library_assert_perror";
-#endif
+    VXTEST_REQUIRE_ISOLATION();
     const std::pair<const char*, std::string> cases[] = {
-        {"assert", ": value == 42\nASSERT Executing " + library + ":12:" + assert_fn + "\n"},
-        {"perror", ": No such file or directory\nASSERT Executing " + library + ":17:" + perror_fn + "\n"},
+        {"assert", ": value == 42\nASSERT Executing " + LIBRARY + ":11:probe_library_assert\n"},
+        {"perror", ": No such file or directory\nASSERT Executing " + LIBRARY +
+                       ":16:probe_library_assert_perror\n"},
         {"old", ": old style\nASSERT Executing failing_library.c:17:UNKNOWN\n"},
     };
     for (const auto& [which, expected] : cases) {
         vxtest::Sandbox sandbox;
-        const vxtest::RunResult result = sandbox.Run(VX_ASSERT_PROBE_PATH, {which});
+        const vxtest::RunResult result = vxtest::Run(VX_ASSERT_PROBE_PATH, {which}, {}, &sandbox);
         EXPECT_EQ(result.signal, SIGABRT) << which;
         EXPECT_EQ(result.err, "") << which;
         const std::string log = sandbox.KernelLog();
         EXPECT_EQ(log.rfind("<2>User space assert from process ", 0), 0u) << log;
         EXPECT_NE(log.find(expected), std::string::npos) << log;
+    }
+}
+
+TEST(Singleton, ChecksItsPointerAndAbortsOnMisuseWithTheSignatureOfTheClass)
+{
+    SingletonProbe::Force(0x1000); // the lowest pointer taken for a valid one
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(SingletonProbe::GetInstance()), 0x1000u);
+    SingletonProbe::Force(0);
+
+    VXTEST_REQUIRE_ISOLATION();
+    const std::string at = "\nASSERT Executing lib/platform/singleton:";
+    const std::string get =
+        at + "71:static T* corvid::Singleton<T>::GetInstance() [with T = SingletonProbe]\n";
+    const std::pair<void (*)(), std::string> cases[] = {
+        {[] { SingletonProbe::GetInstance(); }, ": Invalid pointer\nPointer=(nil)" + get},
+        {[] { SingletonProbe::Force(0xFFF); SingletonProbe::GetInstance(); },
+         ": Invalid pointer\nPointer=0xfff" + get},
+        {[] { SingletonProbe::Force(0x1004); SingletonProbe::GetInstance(); },
+         ": Invalid pointer\nPointer=0x1004" + get},
+        {[] { corvid_test::Nested first, second; },
+         ": sm_instance == __null" + at +
+             "51:corvid::Singleton<T>::Singleton() [with T = corvid_test::Nested]\n"},
+        {[] { SingletonProbe probe; SingletonProbe::Force(0x2000); },
+         ": sm_instance == this" + at + "58:corvid::Singleton<T>::~Singleton() [with T = SingletonProbe]\n"},
+    };
+    for (const auto& [statement, expected] : cases) {
+        const auto before = vxtest::ReadFile(vxtest::KernelLogFile()).size();
+        EXPECT_DEATH(statement(), "");
+        const std::string report = vxtest::ReadFile(vxtest::KernelLogFile()).substr(before);
+        EXPECT_EQ(report.rfind("<2>User space assert from ", 0), 0u) << report;
+        EXPECT_NE(report.find(expected), std::string::npos) << report;
     }
 }
 

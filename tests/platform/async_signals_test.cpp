@@ -11,7 +11,7 @@
 #include "platform/async_signals.h"
 #include "platform/debug_helpers.h"
 #include "support/fake_context.h"
-#include "support/kernel_log.h"
+#include "support/programs.h"
 
 namespace {
 
@@ -86,8 +86,7 @@ TEST(SignalDispatcher, ObserversInOrderAndDeliveryOutsideTheHandler)
     dispatcher.Detach(SIGUSR1, &a);
     dispatcher.Detach(SIGUSR2, &b);
 
-    if (vxtest::KernelLogFile().empty())
-        GTEST_SKIP() << "needs the kernel log isolated in a file (root)";
+    VXTEST_REQUIRE_ISOLATION();
     EXPECT_EXIT(dispatcher.Detach(SIGUSR1, &a), testing::KilledBySignal(SIGABRT), "");
     EXPECT_NE(vxtest::ReadFile(vxtest::KernelLogFile())
                   .find(": i != m_observers.end()\nASSERT Executing lib/platform/async_signals.cpp:48:"),

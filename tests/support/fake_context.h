@@ -1,13 +1,16 @@
-// The context of a test: live paths under a scratch root, partitions held
-// in memory, a fake clock. Constructing one registers it for the process
-// (and so, in the code under test, for Context::GetInstance()).
+// The context of a test, registered for the process while it lives: live
+// paths under a scratch root, partitions held in memory, the GPIO event
+// device of a fake board, and a fake clock.
 #pragma once
 
+#include <cerrno>
+#include <filesystem>
 #include <map>
 #include <memory>
-#include <string>
+#include <stdexcept>
 
 #include "hardware/context.h"
+#include "platform/posix_helpers.h"
 #include "support/fake_clock.h"
 #include "support/fake_event_device.h"
 #include "support/fake_nand.h"
@@ -22,26 +25,35 @@ struct ScratchRoot {
 
 class FakeContext : private vxtest_detail::ScratchRoot, public Context {
 public:
-    FakeContext();
+    FakeContext() : Context(corvid::RootDir(dir.Path())) {}
 
-    // Writes a file at a live path below the root ("/proc/meminfo").
-    std::string WriteFile(const std::string& live_path, const std::string& content,
-                          unsigned mode = 0644);
+    // Writes a file at a live path ("/proc/meminfo").
+    std::string WriteFile(const std::string& live_path, const std::string& content)
+    {
+        std::filesystem::create_directories(std::filesystem::path(Path(live_path)).parent_path());
+        return dir.WriteFile(live_path.substr(1), content);
+    }
 
-    // Makes a partition called name; OpenPartition and OpenWholeDevice hand
-    // it out. Unknown names fail as a missing /proc/mtd row does.
-    std::shared_ptr<FakeNand> AddPartition(const std::string& name, std::size_t total_size,
-                                           std::size_t erase_size, std::size_t write_size = 2048);
-
-    NandAccess::Pointer OpenPartition(const std::string& name) override;
-    NandAccess::Pointer OpenWholeDevice(const std::string& name) override;
-    std::unique_ptr<EventDevice> OpenGpioEventDevice(int type) override;
+    // A partition to open; other names fail as a missing /proc/mtd row does.
+    std::shared_ptr<FakeNand> AddPartition(const std::string& name, std::size_t size, std::size_t erase_size)
+    {
+        return m_partitions[name] = std::make_shared<FakeNand>(size, erase_size);
+    }
+    NandAccess::Pointer OpenPartition(const std::string& name) override
+    {
+        if (m_partitions.count(name) == 0)
+            throw std::runtime_error("Failed to find NAND partition named '" + name + "'");
+        return m_partitions[name];
+    }
+    NandAccess::Pointer OpenWholeDevice(const std::string& name) override { return OpenPartition(name); }
+    std::unique_ptr<EventDevice> OpenGpioEventDevice(int type) override
+    {
+        if (!m_gpio.present)
+            throw corvid::ErrnoException(ENOENT, Path(GPIO_EVENT_DEVICE_PATH));
+        return std::make_unique<FakeEventDevice>(m_gpio, m_clock, type);
+    }
     FakeClock& GetClock() override { return m_clock; }
-
-    // The GPIO event device both sides open.
     FakeGpioBoard& GpioBoard() { return m_gpio; }
-
-    const std::string& RootPath() const { return dir.Path(); }
 
 private:
     std::map<std::string, std::shared_ptr<FakeNand>> m_partitions;

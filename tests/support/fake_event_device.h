@@ -34,15 +34,32 @@ struct FakeGpioBoard {
 
 class FakeEventDevice final : public EventDevice {
 public:
-    FakeEventDevice(FakeGpioBoard& board, FakeClock& clock, int type);
+    FakeEventDevice(FakeGpioBoard& board, FakeClock& clock, int type)
+        : m_board(board), m_clock(clock), m_type(type)
+    {
+        ++m_board.open_sides;
+    }
     ~FakeEventDevice() override { --m_board.open_sides; }
 
     int GetFd() const override { return -1; }
-    std::uint32_t GetAvailablePins() const override;
-    void SetOutput(unsigned int pin, bool level) override;
+    std::uint32_t GetAvailablePins() const override
+    {
+        return m_type == EV_KEY ? m_board.inputs : m_board.outputs;
+    }
+    void SetOutput(unsigned int pin, bool level) override
+    {
+        if (pin > 31)
+            throw PinNotAvailableException();
+        m_board.events.push_back({m_clock.NowNanoseconds(), pin + 8, level ? 1 : 0});
+        if ((m_board.outputs >> pin) & 1)
+            m_board.output_levels = (m_board.output_levels & ~(1u << pin)) | (std::uint32_t(level) << pin);
+    }
     bool GetOutput(unsigned int pin) override { return (ReadOutputLevels() >> pin) & 1; }
     std::uint32_t ReadOutputLevels() override { return m_board.output_levels; }
-    std::uint32_t ReadInputLevels() override;
+    std::uint32_t ReadInputLevels() override
+    {
+        return m_board.input_levels ? m_board.input_levels(m_clock.NowNanoseconds()) : 0;
+    }
     void SetMode(unsigned int, GpioBase::GPIO_MODE) override {}
     std::uint32_t GetConfigurablePins() const override { return m_board.configurable; }
     std::uint32_t ReadModes() override { return 0; }

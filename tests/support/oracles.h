@@ -1,50 +1,123 @@
-// Independent references for the tests: byte layouts written out here from
-// the formats' definitions, and the openssl and coreutils tools for digests
-// and signatures, so the program is checked against output it did not
-// produce. Also the small outcome helpers the tests share.
+// Independent references: byte layouts written out from the formats'
+// definitions, and openssl and coreutils for digests and signatures, so the
+// program is checked against output it did not produce; outcome helpers.
 #pragma once
 
 #include <cstdint>
 #include <exception>
+#include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "platform/posix_helpers.h"
+#include "support/programs.h"
 
 namespace vxtest {
 
 // 4 little-endian bytes.
-std::string Le32(std::uint32_t value);
+inline std::string Le32(std::uint32_t v)
+{
+    return {char(v & 0xFF), char(v >> 8 & 0xFF), char(v >> 16 & 0xFF), char(v >> 24 & 0xFF)};
+}
+
 // A field of a signed record: 16-bit little-endian length, then the bytes.
-std::string Field(const std::string& bytes);
+inline std::string Field(const std::string& bytes)
+{
+    return std::string{char(bytes.size() & 0xFF), char(bytes.size() >> 8)} + bytes;
+}
+
 // One environment record (type, length, flags 0, text).
-std::string EnvironmentRecord(const std::string& text, char type = '\x01');
+inline std::string EnvironmentRecord(const std::string& text, char type = '\x01')
+{
+    return std::string(1, type) + static_cast<char>(text.size() + 1) + '\0' + text;
+}
+
 // An environment block: a record per text, the end byte, 0xFF up to size.
-std::string EnvironmentBlock(const std::vector<std::string>& texts, std::size_t size);
+inline std::string EnvironmentBlock(const std::vector<std::string>& texts, std::size_t size)
+{
+    std::string block;
+    for (const std::string& text : texts)
+        block += EnvironmentRecord(text);
+    block += '\0';
+    block.resize(size, '\xFF');
+    return block;
+}
+
+inline std::string FromHex(const std::string& hex)
+{
+    std::string bytes;
+    for (std::size_t i = 0; i + 1 < hex.size(); i += 2)
+        bytes.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    return bytes;
+}
+
 // A device-data chunk whose SHA-1 comes from coreutils' sha1sum.
-std::string Sha1sumChunk(const std::string& tag, const std::string& payload);
+inline std::string Sha1sumChunk(const std::string& tag, const std::string& payload)
+{
+    const std::string sum = Run("/usr/bin/sha1sum", {}, payload).out.substr(0, 40);
+    return tag + Le32(std::uint32_t(payload.size() + 20)) + payload + FromHex(sum);
+}
 
 // Paths of the committed test keys, e.g. TestPrivateKey("srb-1").
-std::string TestPrivateKey(const std::string& name);
-std::string TestPublicKey(const std::string& name);
+inline const std::string TEST_KEYS = VX_SOURCE_DIR "/keys/test/";
+inline std::string TestPrivateKey(const std::string& name) { return TEST_KEYS + name + ".test-only.pem"; }
+inline std::string TestPublicKey(const std::string& name) { return TEST_KEYS + name + ".pub.pem"; }
+
 // Runs openssl with input on standard input; returns its output, throws when it fails.
-std::string Openssl(const std::vector<std::string>& args, const std::string& input = {});
+inline std::string Openssl(const std::vector<std::string>& args, const std::string& input = {})
+{
+    const RunResult result = Run("/usr/bin/openssl", args, input);
+    if (result.exit_status != 0)
+        throw std::runtime_error("openssl failed: " + result.err);
+    return result.out;
+}
+
 // The 298-byte canonical S-expression of a PEM public key, from openssl's description.
-std::string CanonicalPublicKey(const std::string& pem_path);
+inline std::string CanonicalPublicKey(const std::string& pem_path)
+{
+    const auto describe = [&](const char* what) {
+        return Openssl({"rsa", "-pubin", "-in", pem_path, "-noout", what});
+    };
+    const std::string modulus = describe("-modulus").substr(8, 512); // after "Modulus="
+    const std::string text = describe("-text");
+    const unsigned long exponent = std::stoul(text.substr(text.find("Exponent: ") + 10));
+    std::string key = std::string("(10:public-key(3:rsa(1:n257:\0", 29) + FromHex(modulus) + ")(1:e3:";
+    for (int shift : {16, 8, 0})
+        key.push_back(static_cast<char>(exponent >> shift));
+    return key + ")))";
+}
+
 // openssl dgst -sha256 -sign (raw signature) and -hmac (the 32 MAC bytes).
-std::string OpensslSign(const std::string& private_key_path, const std::string& message);
-std::string OpensslHmacSha256(const std::string& key, const std::string& message);
+inline std::string OpensslSign(const std::string& private_key_path, const std::string& message)
+{
+    return Openssl({"dgst", "-sha256", "-sign", private_key_path, "-binary"}, message);
+}
+inline std::string OpensslHmacSha256(const std::string& key, const std::string& message)
+{
+    return Openssl({"dgst", "-sha256", "-hmac", key, "-binary"}, message);
+}
+
 // An SRB signature text made by openssl: "A" and the base64 of the PKCS#1
 // v1.5 SHA-256 signature of the HMAC of message (the signed variables as
 // "NAME\nVALUE\n", in name order) keyed with the Secure ID.
-std::string OpensslSrbSignature(const std::string& key, const std::string& secure_id,
-                                const std::string& message);
-// A blessing payload signed by openssl (fields: names, signature, and the
-// parameter only when it is not empty).
-std::string OpensslBlessingPayload(const std::string& key, const std::string& tag,
-                                   const std::string& names, const std::string& parameter,
-                                   const std::string& secure_id, const std::string& serial);
+inline std::string OpensslSrbSignature(const std::string& key, const std::string& secure_id,
+                                       const std::string& message)
+{
+    const std::vector<std::string> sign = {"pkeyutl", "-sign", "-inkey", TestPrivateKey(key),
+                                           "-pkeyopt", "digest:sha256"};
+    return "A" + Openssl({"base64", "-A"}, Openssl(sign, OpensslHmacSha256(secure_id, message)));
+}
+
+// A blessing payload signed by openssl: names, signature, and the parameter
+// only when it is not empty.
+inline std::string OpensslBlessingPayload(const std::string& key, const std::string& tag,
+                                          const std::string& names, const std::string& parameter,
+                                          const std::string& secure_id, const std::string& serial)
+{
+    const std::string optional = parameter.empty() ? "" : Field(parameter);
+    const std::string message =
+        Field(tag) + (tag == "BLES" ? Field(secure_id) + Field(serial) : "") + optional + Field(names);
+    return Field(names) + Field(OpensslSign(TestPrivateKey(key), message)) + optional;
+}
 
 // The what() of the standard exception that f throws, or "no exception".
 template <typename F>
@@ -56,18 +129,6 @@ std::string WhatOf(F&& f)
         return e.what();
     }
     return "no exception";
-}
-
-// The error number and context of the ErrnoException that f throws.
-template <typename F>
-std::pair<int, std::string> ErrnoOf(F&& f)
-{
-    try {
-        f();
-    } catch (const corvid::ErrnoException& e) {
-        return {e.GetErrno(), e.GetContext()};
-    }
-    return {0, "no exception"};
 }
 
 } // namespace vxtest

@@ -5,67 +5,50 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <stdexcept>
+
+#include <gtest/gtest.h>
 
 namespace vxtest {
 namespace {
 
-[[noreturn]] void ChildFail(const char* what)
-{
-    dprintf(2, "vxtest: %s: %s\n", what, std::strerror(errno));
-    _exit(127);
-}
+std::string g_kernel_log;
 
-// In the child: makes path (opened close-on-exec) the descriptor target.
-void Redirect(const std::string& path, int flags, int target)
-{
-    const int fd = open(path.c_str(), flags | O_CLOEXEC, 0644);
-    if (fd < 0 || dup2(fd, target) < 0)
-        ChildFail(path.c_str());
-    close(fd);
-}
-
-// In the child: the private mount namespace of an isolated launch.
-void Isolate(const Launch& launch)
+// Moves the calling process into a private mount namespace with each source
+// bound over its target.
+bool PrivateMounts(const std::vector<std::pair<std::string, std::string>>& binds)
 {
     if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-        ChildFail("private mount namespace");
-    if (!launch.kmsg.empty() && access("/dev/kmsg", F_OK) == 0 &&
-        mount(launch.kmsg.c_str(), "/dev/kmsg", nullptr, MS_BIND, nullptr) != 0)
-        ChildFail("bind /dev/kmsg");
-    for (const auto& [source, target] : launch.binds) {
+        return false;
+    for (const auto& [source, target] : binds) {
         if (mount(source.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0)
-            ChildFail(target.c_str());
+            return false;
     }
-    if (!launch.proc.empty() && mount("proc", "/proc", "tmpfs", 0, "mode=0555") != 0)
-        ChildFail("/proc");
-    for (const auto& file : launch.proc) {
-        const std::string path = "/proc/" + file.name;
-        const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, file.mode);
-        if (fd < 0 || write(fd, file.content.data(), file.content.size()) < 0)
-            ChildFail(path.c_str());
-        close(fd);
-    }
+    return true;
+}
+
+// In the child: opens path as descriptor target (the opened one closes on exec).
+bool Redirect(const std::string& path, int flags, int target)
+{
+    return dup2(open(path.c_str(), flags | O_CLOEXEC, 0644), target) == target;
 }
 
 } // namespace
 
-TempDir::TempDir()
+TempDir::TempDir() : m_path((std::filesystem::temp_directory_path() / "vxtest.XXXXXX").string())
 {
-    std::string pattern = (std::filesystem::temp_directory_path() / "vxtest.XXXXXX").string();
-    if (!mkdtemp(pattern.data()))
+    if (!mkdtemp(m_path.data()))
         throw std::runtime_error("mkdtemp failed");
-    m_path = pattern;
 }
 
 TempDir::~TempDir()
@@ -79,26 +62,24 @@ std::string TempDir::WriteFile(const std::string& name, const std::string& conte
 {
     const std::string path = m_path + "/" + name;
     std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
-    if (chmod(path.c_str(), mode) != 0)
-        throw std::runtime_error("chmod failed");
+    std::filesystem::permissions(path, std::filesystem::perms(mode));
     return path;
 }
 
 std::string ReadFile(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream content;
-    content << in.rdbuf();
-    return content.str();
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-RunResult Run(const std::string& program, const Launch& launch)
+RunResult Run(const std::string& program, const std::vector<std::string>& args,
+              const std::string& input, const Sandbox* sandbox)
 {
-    TempDir dir;
-    const std::string in = dir.WriteFile("stdin", launch.input);
+    const TempDir dir;
+    const std::string in = dir.WriteFile("stdin", input);
     const std::string out = dir.Path() + "/stdout", err = dir.Path() + "/stderr";
     std::vector<char*> argv{const_cast<char*>(program.c_str())};
-    for (const auto& arg : launch.args)
+    for (const std::string& arg : args)
         argv.push_back(const_cast<char*>(arg.c_str()));
     argv.push_back(nullptr);
 
@@ -107,82 +88,46 @@ RunResult Run(const std::string& program, const Launch& launch)
     if (pid < 0)
         throw std::runtime_error("fork failed");
     if (pid == 0) {
-        if (launch.isolate)
-            Isolate(launch);
-        if (launch.drop_file_permission_override &&
-            (prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE, 0, 0, 0) != 0 ||
-             prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH, 0, 0, 0) != 0))
-            ChildFail("drop capabilities");
-        Redirect(in, O_RDONLY, 0);
-        Redirect(out, O_WRONLY | O_CREAT | O_TRUNC, 1);
-        Redirect(err, O_WRONLY | O_CREAT | O_TRUNC, 2);
-        execv(program.c_str(), argv.data());
-        ChildFail("exec");
+        const bool drop = sandbox && sandbox->drop_file_permission_override;
+        if ((!sandbox || PrivateMounts(sandbox->binds)) &&
+            (!drop || (prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE, 0, 0, 0) == 0 &&
+                       prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH, 0, 0, 0) == 0)) &&
+            Redirect(in, O_RDONLY, 0) && Redirect(out, O_WRONLY | O_CREAT | O_TRUNC, 1) &&
+            Redirect(err, O_WRONLY | O_CREAT | O_TRUNC, 2))
+            execv(program.c_str(), argv.data());
+        dprintf(2, "vxtest: cannot start %s: %s\n", program.c_str(), std::strerror(errno));
+        _exit(127);
     }
     int status = 0;
     while (waitpid(pid, &status, 0) < 0) {
         if (errno != EINTR)
             throw std::runtime_error("waitpid failed");
     }
-    RunResult result;
-    if (WIFEXITED(status))
-        result.exit_status = WEXITSTATUS(status);
-    if (WIFSIGNALED(status))
-        result.signal = WTERMSIG(status);
-    result.out = ReadFile(out);
-    result.err = ReadFile(err);
-    return result;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, WIFSIGNALED(status) ? WTERMSIG(status) : 0,
+            ReadFile(out), ReadFile(err)};
 }
 
-RunResult Run(const std::string& program, const std::vector<std::string>& args,
-              const std::string& input)
+const std::string& KernelLogFile()
 {
-    Launch launch;
-    launch.args = args;
-    launch.input = input;
-    return Run(program, launch);
-}
-
-RunResult Vxtool(const std::vector<std::string>& args, const std::string& input)
-{
-    return Run(VX_VXTOOL_PATH, args, input);
-}
-
-Sandbox::Sandbox()
-{
-    m_launch.isolate = true;
-    m_launch.kmsg = m_dir.WriteFile("kmsg", "");
-}
-
-bool Sandbox::Available()
-{
-    static const bool available = [] {
-        if (geteuid() != 0)
-            return false;
-        const pid_t pid = fork();
-        if (pid == 0)
-            _exit(unshare(CLONE_NEWNS) == 0 ? 0 : 1);
-        int status = 0;
-        return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
-               WEXITSTATUS(status) == 0;
-    }();
-    return available;
-}
-
-std::string Sandbox::BindContent(const std::string& target, const std::string& content,
-                                 unsigned mode)
-{
-    const std::string path =
-        m_dir.WriteFile("bind" + std::to_string(m_launch.binds.size()), content, mode);
-    m_launch.binds.emplace_back(path, target);
-    return path;
-}
-
-RunResult Sandbox::Run(const std::string& program, const std::vector<std::string>& args)
-{
-    Launch launch = m_launch;
-    launch.args = args;
-    return vxtest::Run(program, launch);
+    return g_kernel_log;
 }
 
 } // namespace vxtest
+
+// The test programs' main: keeps assertion reports of the code under test out
+// of the host's kernel log (see KernelLogFile) before any test runs.
+int main(int argc, char** argv)
+{
+    testing::InitGoogleTest(&argc, argv);
+    char path[] = "/tmp/vxtest-kmsg.XXXXXX";
+    if (access("/dev/kmsg", W_OK) == 0 && close(mkstemp(path)) == 0) {
+        if (vxtest::PrivateMounts({{path, "/dev/kmsg"}})) {
+            // Sandboxes bind over /dev/kmsg again, which needs the file to keep its name.
+            vxtest::g_kernel_log = path;
+            std::atexit([] { unlink(vxtest::g_kernel_log.c_str()); });
+        } else {
+            unlink(path);
+        }
+    }
+    return RUN_ALL_TESTS();
+}

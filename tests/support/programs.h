@@ -1,7 +1,6 @@
-// Running the real programs: directly, or in a private mount namespace with
-// fixture files bound over the paths they read and a regular file over
-// /dev/kmsg, so that whole-program tests never touch the host's real files
-// or kernel log. Scratch directories and file helpers.
+// Running the real programs, directly or in a Sandbox (a private mount
+// namespace with fixture files bound over the paths they read, /dev/kmsg
+// included); scratch directories; the test programs' own kernel log.
 #pragma once
 
 #include <string>
@@ -11,10 +10,8 @@
 namespace vxtest {
 
 struct RunResult {
-    int exit_status = -1; // the exit status, or -1 when killed by a signal
-    int signal = 0;       // the signal that killed the program, or 0
-    std::string out;      // what it wrote to standard output
-    std::string err;      // what it wrote to standard error
+    int exit_status = -1, signal = 0; // the exit status, or -1 and the signal that killed it
+    std::string out, err;
 };
 
 // A scratch directory removed with its contents on destruction.
@@ -36,67 +33,46 @@ private:
 
 std::string ReadFile(const std::string& path);
 
-// How a program is started.
-struct Launch {
-    std::vector<std::string> args; // after argv[0]
-    std::string input;             // standard input
-    // In a private mount namespace: /dev/kmsg replaced by kmsg (when set) and
-    // each (source, target) bound over its target.
-    bool isolate = false;
-    std::string kmsg;
-    std::vector<std::pair<std::string, std::string>> binds;
-    // When not empty: /proc is a tmpfs holding only these (name, content, mode).
-    struct ProcFile {
-        std::string name, content;
-        unsigned mode;
-    };
-    std::vector<ProcFile> proc;
+struct Sandbox;
+
+// Starts program (in sandbox when given) and waits for it; its standard
+// output and error go to files, and it inherits no other descriptor.
+RunResult Run(const std::string& program, const std::vector<std::string>& args,
+              const std::string& input = {}, const Sandbox* sandbox = nullptr);
+inline RunResult Vxtool(const std::vector<std::string>& args, const std::string& input = {})
+{
+    return Run(VX_VXTOOL_PATH, args, input);
+}
+
+// A private mount namespace for runs, with a kernel-log file of its own;
+// needs what VXTEST_REQUIRE_ISOLATION checks.
+struct Sandbox {
+    Sandbox() { BindContent("/dev/kmsg", ""); }
+
+    // Binds a new file with this content over target.
+    void BindContent(const std::string& target, const std::string& content, unsigned mode = 0644)
+    {
+        binds.emplace_back(dir.WriteFile("bind" + std::to_string(binds.size()), content, mode), target);
+    }
+    // What the programs wrote to /dev/kmsg, unless a later bind covers it.
+    std::string KernelLog() const { return ReadFile(binds.front().first); }
+
+    TempDir dir;
+    std::vector<std::pair<std::string, std::string>> binds; // (source, target)
     // Without the capabilities that let root bypass file permissions.
     bool drop_file_permission_override = false;
 };
 
-// Starts program with argv[0] = program and waits for it. Its standard
-// output and error go to files that it does not inherit otherwise.
-RunResult Run(const std::string& program, const Launch& launch);
-// The same without namespace or capability changes.
-RunResult Run(const std::string& program, const std::vector<std::string>& args,
-              const std::string& input = {});
-
-// Runs vxtool with args and input.
-RunResult Vxtool(const std::vector<std::string>& args, const std::string& input = {});
-
-// A private mount namespace for one run, with its own kernel-log file.
-class Sandbox {
-public:
-    Sandbox();
-
-    // True where sandboxes can be made (root with mount namespaces).
-    static bool Available();
-
-    // Binds a new file with this content over target; returns the file's path.
-    std::string BindContent(const std::string& target, const std::string& content,
-                            unsigned mode = 0644);
-    // Makes /proc a tmpfs that holds only the files given this way.
-    void ProcFile(const std::string& name, const std::string& content, unsigned mode = 0644)
-    {
-        m_launch.proc.push_back({name, content, mode});
-    }
-    void DropFilePermissionOverride() { m_launch.drop_file_permission_override = true; }
-
-    RunResult Run(const std::string& program, const std::vector<std::string>& args = {});
-    // What the program wrote to /dev/kmsg.
-    std::string KernelLog() const { return ReadFile(m_launch.kmsg); }
-
-private:
-    TempDir m_dir;
-    Launch m_launch;
-};
+// Where /dev/kmsg is writable (root), the test programs' main binds a regular
+// file over it in a private mount namespace, so that in-process assertion
+// reports (death tests) land there: that file, or empty.
+const std::string& KernelLogFile();
 
 } // namespace vxtest
 
-// Skips the current test where no sandbox can be made.
-#define VXTEST_REQUIRE_SANDBOX()                                                   \
+// Skips a test that makes assertion reports or runs a Sandbox.
+#define VXTEST_REQUIRE_ISOLATION()                                                 \
     do {                                                                           \
-        if (!::vxtest::Sandbox::Available())                                       \
+        if (::vxtest::KernelLogFile().empty())                                     \
             GTEST_SKIP() << "needs root and mount namespaces";                     \
     } while (0)

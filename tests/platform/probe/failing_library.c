@@ -1,5 +1,4 @@
-/* A shared library whose assertions are reported through the C library's
-   entry points. */
+/* A shared library whose assertions go through the C library's entry points. */
 #define _GNU_SOURCE
 #undef NDEBUG
 #include <assert.h>

@@ -1,0 +1,152 @@
+// vxtool run as a program on partition images: its options, image layouts,
+// listings and exit statuses (the formats are the library tests' part, the
+// round trip through the MTD driver the simulated player's).
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "support/oracles.h"
+
+namespace {
+
+using Args = std::vector<std::string>;
+using vxtest::Le32;
+using vxtest::Sha1sumChunk;
+using vxtest::TestPrivateKey;
+
+// The exit status, ":", then standard output and standard error.
+std::string Vxtool(const Args& args, const std::string& input = {})
+{
+    const vxtest::RunResult r = vxtest::Vxtool(args, input);
+    return std::to_string(r.exit_status) + ":" + r.out + r.err;
+}
+
+Args operator+(Args args, const Args& more)
+{
+    args.insert(args.end(), more.begin(), more.end());
+    return args;
+}
+
+auto UsageError(const std::string& command, const std::string& message)
+{
+    return testing::StartsWith("2:vxtool " + command + ": " + message + "\nusage: ");
+}
+
+TEST(VxtoolEnv, PrintsTheEnvironmentOfTheFirstGoodBlockAndRefusesBadUsage)
+{
+    vxtest::TempDir dir;
+    const std::string made = dir.Path() + "/env.bin";
+    ASSERT_EQ(Vxtool({"mkenv", "--erase-size", "16384", "-o", made},
+                     "VX_SERIAL=SIM0001\r\n\nVX_OEM_MODEL=Sim=Model\nVX_FORMAT=0\nVX_FORMAT=1\nE="),
+              "0:");
+    // Bad blocks in front hold a decoy environment that must not be read.
+    const std::string decoy = vxtest::EnvironmentBlock({"DECOY=1"}, 16384);
+    const std::string image = dir.WriteFile("image", decoy + decoy + vxtest::ReadFile(made));
+    const Args env = {"env", "--image", image, "--erase-size", "16384", "--bad-blocks"};
+    EXPECT_EQ(Vxtool(env + Args{"0,1"}), "0:E=\nVX_FORMAT=1\nVX_OEM_MODEL=Sim=Model\nVX_SERIAL=SIM0001\n");
+    EXPECT_EQ(Vxtool(env + Args{"1"}), "0:DECOY=1\n");
+    EXPECT_EQ(Vxtool(env + Args{"0,1,2"}), "1:error: All BOLT environment NAND blocks are bad\n");
+
+    // Records that do not fit in the block: exit 1 and nothing written.
+    const std::string out = dir.Path() + "/out.bin";
+    EXPECT_THAT(Vxtool({"mkenv", "--erase-size", "8", "-o", out}, "A=1\nB=2\n"),
+                testing::StartsWith("1:error: "));
+    EXPECT_NE(access(out.c_str(), F_OK), 0);
+    const std::string e = "--erase-size";
+    const Args good = {"env", "--image", image, e, "4096"};
+    for (const Args& args : {Args{"env", "--image", image}, Args{"env", e, "4096"},
+                             Args{"env", "--image", image, e, "0"}, good + Args{"--bad-blocks", "1,,2"},
+                             good + Args{"--write-size", "3000"}, good + Args{"--mtd", "x"},
+                             good + Args{"extra"}, Args{"mkenv", e, "4096"}, Args{"mkenv", "-o", out}})
+        EXPECT_EQ(vxtest::Vxtool(args).exit_status, 2) << args.back();
+}
+
+TEST(VxtoolDevdata, BuildsAndListsImages)
+{
+    vxtest::TempDir dir;
+    const std::string chunks = Sha1sumChunk("BLES", std::string(300, 'b')) + Sha1sumChunk("BOON", "x");
+    const std::string image = dir.Path() + "/devid.img";
+    EXPECT_EQ(Vxtool({"mkdevdata", "--erase-size", "16384", "-o", image, "--bad-blocks", "0",
+                      "--header-word", "0x01020304", "--chunk",
+                      "RAW_:" + dir.WriteFile("abc", "abc"), dir.WriteFile("c", chunks)}),
+              "0:");
+    const std::string data = "VXDD" + Le32(0x01020304) + Sha1sumChunk("RAW_", "abc") + chunks;
+    EXPECT_EQ(vxtest::ReadFile(image),
+              std::string(16384, '\0') + data + std::string(16384 - data.size(), '\xFF'));
+    EXPECT_EQ(Vxtool({"devdata", "--image", image, "--erase-size", "16384", "--bad-blocks", "0"}),
+              "0:RAW_\t3\tok\nBLES\t300\tok\nBOON\t1\tok\n");
+
+    // Two 2028-byte chunks need two blocks from block 1 on; block 2 is bad.
+    const std::string chunk = "ONE_:" + dir.WriteFile("payload", std::string(2000, 'p'));
+    EXPECT_EQ(Vxtool({"mkdevdata", "--erase-size", "2048", "-o", image, "--bad-blocks", "0,2",
+                      "--chunk", chunk, "--chunk", chunk}),
+              "1:error: bad block 2 lies inside the data (blocks 1 to 2)\n");
+
+    // The listing goes on past corrupt and too small chunks and ends at a structural error.
+    std::string tampered = Sha1sumChunk("BLES", "abc");
+    tampered[10] = 'd';
+    // With 256 KiB erase blocks a chunk longer than the parser's limit reaches the parser.
+    std::string mixed = "VXDD" + Le32(0) + tampered + "TINY" + Le32(19) + std::string(19, 'x') +
+                        Sha1sumChunk("\x01" "AB\\", "") + "HUGE" + Le32(0x20001);
+    mixed.resize(262144, '\xFF');
+    const vxtest::RunResult listed =
+        vxtest::Vxtool({"devdata", "--image", dir.WriteFile("i", mixed), "--erase-size", "262144"});
+    EXPECT_EQ(listed.exit_status, 1);
+    EXPECT_EQ(listed.out, "BLES\t3\tcorrupt\nTINY\t-\ttoo-small\n\\x01AB\\x5c\t0\tok\n");
+    EXPECT_THAT(listed.err, testing::EndsWith("\nerror: Veltrix device data section too large\n"));
+
+    // The factory tool refuses what the player would report.
+    const std::string file = dir.WriteFile("tampered.chunk", tampered);
+    EXPECT_EQ(Vxtool({"mkdevdata", "--erase-size", "2048", "-o", dir.Path() + "/o", file}),
+              "1:error: " + file + ": chunk at offset 0 failed integrity check\n");
+}
+
+const std::string ID = "a1b2c3d4e5f60718";
+
+TEST(VxtoolIdentity, SignedRecordsAndTheOptionsThatNameTheDevice)
+{
+    VXTEST_REQUIRE_TEST_KEYS();
+    vxtest::TempDir dir;
+    // sign-srb drops the old signature variables; its output makes an environment image.
+    const std::string lines = Vxtool({"sign-srb", "--key", TestPrivateKey("srb-2"), "--secure-id", ID},
+                                     "VX_SERIAL=VX0000042\r\n\nVX_SIGNATURE=Xold\nVX_SIGNATURE_0=Xold\n");
+    EXPECT_THAT(lines, testing::StartsWith("0:VX_SERIAL=VX0000042\nVX_SIGNATURE_0=A"));
+    const std::string env = dir.Path() + "/env.img";
+    EXPECT_EQ(Vxtool({"mkenv", "--erase-size", "16384", "-o", env}, lines.substr(2)), "0:");
+
+    const Args srb = {"srb", "--image", env, "--erase-size", "16384"};
+    const std::string boardid = dir.WriteFile("boardid", "Secure-ID: " + ID + "\n");
+    EXPECT_EQ(Vxtool(srb + Args{"--secure-id", ID}), "0:valid\n");
+    EXPECT_EQ(Vxtool(srb + Args{"--boardid", boardid}), "0:valid\n");
+    EXPECT_EQ(Vxtool(srb + Args{"--boardid", dir.Path() + "/absent"}), "1:invalid: No secure ID\n");
+    EXPECT_THAT(Vxtool(srb + Args{"--boardid", boardid, "--secure-id", ID}),
+                UsageError("srb", "--secure-id and --boardid exclude each other"));
+
+    // A blessing for this device with the serial of the environment.
+    const std::string chunk = dir.Path() + "/chunk", data = dir.Path() + "/devid.img";
+    EXPECT_EQ(Vxtool({"bless", "--key", TestPrivateKey("blessing-1"), "-o", chunk, "--names", "eac3:hdr",
+                      "--parameter", "p", "--secure-id", ID, "--serial", "VX0000042"}),
+              "0:");
+    EXPECT_EQ(Vxtool({"mkdevdata", "--erase-size", "16384", "-o", data, chunk}), "0:");
+    const Args list = {"blessings", "--image", data, "--erase-size", "16384", "--secure-id", ID};
+    EXPECT_EQ(Vxtool(list + Args{"--env-image", env, "--env-erase-size", "16384"}), "0:eac3\tp\nhdr\tp\n");
+    EXPECT_EQ(Vxtool(list + Args{"--serial", "VX0000043"}),
+              "0:Exception while checking blessings: Blessing not correctly signed\n");
+    EXPECT_THAT(Vxtool(list), UsageError("blessings", "with --image, give --serial or an --env-image"));
+
+    // The factory commands refuse what the player would not accept.
+    const std::string pub = vxtest::TestPublicKey("blessing-1");
+    const Args bless = {"bless", "--names", "eac3", "--boon", "-o", chunk};
+    EXPECT_EQ(Vxtool(bless + Args{"--key", TestPrivateKey("blessing-1")}),
+              "1:error: A boon cannot name eac3: the player refuses it\n");
+    EXPECT_EQ(Vxtool(bless + Args{"--key", pub}),
+              "1:error: " + pub + ": Invalid RSA private key: no PEM private key found\n");
+    EXPECT_THAT(Vxtool(bless + Args{"--key", pub, "--serial", "1"}),
+                UsageError("bless", "a boon is bound to no device: --boon excludes --secure-id "
+                                    "and --serial"));
+    EXPECT_EQ(Vxtool({"sign-srb", "--secure-id", ID, "--key", TestPrivateKey("srb-1")}, "A=1\nx\n"),
+              "1:error: line 2: no '=' in 'x'\n");
+}
+
+} // namespace
