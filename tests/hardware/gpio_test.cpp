@@ -1,7 +1,6 @@
 // The sysfs pin's file traffic, over regular files at the live paths of a
 // scratch root, and the event device's operations on the fake board. The
 // device class itself is proven against the simulated player's device.
-#include <cerrno>
 #include <csignal>
 #include <string>
 
@@ -25,10 +24,7 @@ protected:
         m_context.WriteFile("/sys/class/gpio/gpio64/direction", direction);
         m_context.WriteFile("/sys/class/gpio/gpio64/value", value);
     }
-    std::string File(const std::string& name)
-    {
-        return vxtest::ReadFile(m_context.Path("/sys/class/gpio/" + name));
-    }
+    std::string File(const std::string& name) { return vxtest::ReadFile(m_context.Path("/sys/class/gpio/" + name)); }
     FakeContext m_context;
 };
 

@@ -20,58 +20,47 @@ const std::string ID = "5ec1d0000000c0de";
 const std::string SERIAL = "SIM0042";
 constexpr std::size_t E = 0x20000;
 
-struct Unit {
-    Unit(Variables v, std::string key, std::string id = ID)
-        : variables(std::move(v)), srb_key(std::move(key)), secure_id(std::move(id))
-    {
-    }
-    Variables variables;   // all of them signed variables
-    std::string srb_key;   // empty: no signature
-    std::string secure_id; // of the board the unit runs on
-    bool devid = true;     // a device-data partition
-    std::vector<std::string> chunks;
-};
-
 struct Outcome {
     std::uint64_t bitfield;
     bool srb_valid, configured;
     std::string model, err;
 };
 
-Outcome Configure(Unit unit)
+// A unit whose variables (all of them signed ones) are signed by openssl with
+// srb_key (none when empty) for ID, on a board with secure_id; chunks are its
+// device data (no partition at all when devid is false).
+Outcome Configure(Variables variables, const std::string& srb_key, const std::string& secure_id = ID,
+                  const std::vector<std::string>& chunks = {}, bool devid = true)
 {
     FakeContext context;
-    if (!unit.srb_key.empty()) {
+    if (!srb_key.empty()) {
         std::string message;
-        for (const auto& [name, value] : unit.variables)
+        for (const auto& [name, value] : variables)
             message += name + "\n" + value + "\n";
-        const std::string text = vxtest::OpensslSrbSignature(unit.srb_key, ID, message);
-        unit.variables["VX_SIGNATURE_0"] = text.substr(0, 200);
-        unit.variables["VX_SIGNATURE_1"] = text.substr(200);
+        const std::string text = vxtest::OpensslSrbSignature(srb_key, ID, message);
+        variables["VX_SIGNATURE_0"] = text.substr(0, 200);
+        variables["VX_SIGNATURE_1"] = text.substr(200);
     }
     std::vector<std::string> texts;
-    for (const auto& [name, value] : unit.variables)
+    for (const auto& [name, value] : variables)
         texts.push_back(name + "=" + value);
     context.AddPartition("flash0.nvram", 4 * E, E)->Poke(0, vxtest::EnvironmentBlock(texts, E));
-    context.WriteFile("/proc/boardid", "ID: 0x42\nSecure-keys: 1\nSecure-ID: " + unit.secure_id + "\n");
-    if (unit.devid) {
-        std::string image = unit.chunks.empty() ? "" : "VXDD" + vxtest::Le32(0);
-        for (const std::string& chunk : unit.chunks)
-            image += chunk;
+    context.WriteFile("/proc/boardid", "ID: 0x42\nSecure-keys: 1\nSecure-ID: " + secure_id + "\n");
+    std::string image = chunks.empty() ? "" : "VXDD" + vxtest::Le32(0);
+    for (const std::string& chunk : chunks)
+        image += chunk;
+    if (devid)
         context.AddPartition("flash0.devid", 4 * E, E)->Poke(0, image);
-    }
     testing::internal::CaptureStderr();
     const HardwareConfig config;
     const std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(config.GetSecureId(), unit.secure_id);
-    EXPECT_TRUE(config.GetSecureKeys());
-    return {config.GetHardwareBitfield(), config.IsSrbValid(), config.IsConfigured(),
-            config.GetModelName(), err};
+    EXPECT_TRUE(config.GetSecureId() == secure_id && config.GetSecureKeys());
+    return {config.GetHardwareBitfield(), config.IsSrbValid(), config.IsConfigured(), config.GetModelName(), err};
 }
 
 TEST(HardwareConfig, WithoutAnSrbTheUnitHasNoCapabilities)
 {
-    const Outcome o = Configure(Unit({{"VX_FORMAT", "01"}, {"VX_HWFLAGS", "0x113"}}, "srb-1"));
+    const Outcome o = Configure({{"VX_FORMAT", "01"}, {"VX_HWFLAGS", "0x113"}}, "srb-1");
     EXPECT_EQ(o.err, "SRB not valid. Please run manufacturing test.\n");
     EXPECT_EQ(o.bitfield, 0u);
     EXPECT_FALSE(o.srb_valid || o.configured);
@@ -80,44 +69,42 @@ TEST(HardwareConfig, WithoutAnSrbTheUnitHasNoCapabilities)
 TEST(HardwareConfig, AnSrbThatDoesNotVerifyLosesThePrivilegedBits)
 {
     const Outcome unsigned_unit =
-        Configure(Unit({{"VX_FORMAT", "1"}, {"VX_HWFLAGS", "0x30000113"}, {"VX_OEM_MODEL", "M"}}, ""));
+        Configure({{"VX_FORMAT", "1"}, {"VX_HWFLAGS", "0x30000113"}, {"VX_OEM_MODEL", "M"}}, "");
     EXPECT_EQ(unsigned_unit.err, "SRB is not signed. Modifying hardware config: SRB signature not found\n");
     EXPECT_EQ(unsigned_unit.bitfield, 0x80100000113u);
     EXPECT_EQ(unsigned_unit.model, "M");
     EXPECT_TRUE(unsigned_unit.configured && !unsigned_unit.srb_valid);
 
     // All ones on another board; without privileged bits nothing is said.
-    const Outcome foreign = Configure(Unit({{"VX_FORMAT", "1"}}, "srb-2", "5ec1d0000000c0df"));
+    const Outcome foreign = Configure({{"VX_FORMAT", "1"}}, "srb-2", "5ec1d0000000c0df");
     EXPECT_EQ(foreign.err, "SRB is not signed. Modifying hardware config: SRB signature verification failed\n");
     EXPECT_EQ(foreign.bitfield, 0xFFFFFBFFCFFFFFFFu);
-    EXPECT_EQ(Configure(Unit({{"VX_FORMAT", "1"}, {"VX_HWFLAGS", "0x113"}}, "blessing-1")).err, "");
+    EXPECT_EQ(Configure({{"VX_FORMAT", "1"}, {"VX_HWFLAGS", "0x113"}}, "blessing-1").err, "");
 }
 
 TEST(HardwareConfig, ValidSrbZeroFlagsNorvaAndAMissingPartition)
 {
-    const Outcome all = Configure(Unit({{"VX_FORMAT", "1"}, {"VX_SERIAL", SERIAL}}, "srb-1"));
+    const Outcome all = Configure({{"VX_FORMAT", "1"}, {"VX_SERIAL", SERIAL}}, "srb-1");
     EXPECT_EQ(all.err, "");
     EXPECT_EQ(all.bitfield, ~0ULL);
     EXPECT_TRUE(all.srb_valid && all.configured);
 
-    Unit norva({{"VX_FORMAT", "1"}, {"VX_HWFLAGS", "0"}, {"VX_OEM_ID", "Norva"}}, "srb-2");
-    norva.devid = false;
-    EXPECT_EQ(Configure(norva).err,
-              "Hardware configuration bitfield is zero. Please reprogram SRB\n"
-              "Failed to enumerate blessings: Failed to find NAND partition named 'flash0.devid'\n");
-    EXPECT_EQ(Configure(norva).bitfield, 0x84100000000u);
+    const Outcome norva = Configure({{"VX_FORMAT", "1"}, {"VX_HWFLAGS", "0"}, {"VX_OEM_ID", "Norva"}}, "srb-2",
+                                    ID, {}, false);
+    EXPECT_EQ(norva.err, "Hardware configuration bitfield is zero. Please reprogram SRB\n"
+                         "Failed to enumerate blessings: Failed to find NAND partition named 'flash0.devid'\n");
+    EXPECT_EQ(norva.bitfield, 0x84100000000u);
 }
 
 TEST(HardwareConfig, BlessingsChangeTheBitfieldIgnoringCase)
 {
     VXTEST_REQUIRE_TEST_KEYS();
-    Unit unit({{"VX_FORMAT", "1"}, {"VX_HWFLAGS", "0x8000000010111"}, {"VX_SERIAL", SERIAL}}, "srb-1");
-    unit.chunks = {Sha1sumChunk("BLES", OpensslBlessingPayload("blessing-1", "BLES",
-                                                               "DISABLE-HDMI:vxear:warp-drive", "", ID,
-                                                               SERIAL)),
-                   Sha1sumChunk("BOON", OpensslBlessingPayload("blessing-2", "BOON", "enable-dws", "p",
-                                                               "", ""))};
-    const Outcome o = Configure(unit);
+    const std::vector<std::string> chunks = {
+        Sha1sumChunk("BLES", OpensslBlessingPayload("blessing-1", "BLES", "DISABLE-HDMI:vxear:warp-drive", "",
+                                                    ID, SERIAL)),
+        Sha1sumChunk("BOON", OpensslBlessingPayload("blessing-2", "BOON", "enable-dws", "p", "", ""))};
+    const Outcome o = Configure({{"VX_FORMAT", "1"}, {"VX_HWFLAGS", "0x8000000010111"}, {"VX_SERIAL", SERIAL}},
+                                "srb-1", ID, chunks);
     EXPECT_EQ(o.err, "HardwareConfig: Unknown blessing: 'warp-drive'\n"
                      "Hardware bitfield: before: 0x8080100010111 after: 0x28088100010110 "
                      "blessings enumeration\n");

@@ -46,30 +46,25 @@ TEST(ShowLedErrorPattern, ThreeRoundsWithTheSplashMessageEachRound)
     EXPECT_EQ(context.GpioBoard().open_sides, 0); // both sides closed again
 }
 
-TEST(ShowLedErrorPattern, TheButtonBreaksOffFromTheSecondRoundOn)
-{
-    // Pattern 2: a round lasts 2600 ms. Pressed from 500 ms on: ignored in
-    // round one, seen at the first poll of round two; the flash that follows
-    // is no longer waited for.
-    FakeContext pressed_early;
-    pressed_early.GpioBoard().input_levels = [](std::uint64_t ns) {
-        return ns >= T0 + 500 * MS ? 1u << 12 : 0u;
-    };
-    EXPECT_TRUE(ShowLedErrorPattern(ERROR_LED_GENERAL, LED_CHECK_FLAGS));
-    Events expected = Flashes({1500, 2050});
-    expected.insert(expected.end(), {{T0 + 2610 * MS, 17, 1}, {T0 + 2610 * MS, 17, 0}});
-    EXPECT_EQ(pressed_early.GpioBoard().events, expected);
-    EXPECT_EQ(pressed_early.GetClock().NowNanoseconds(), T0 + 2610 * MS);
-}
-
-TEST(ShowLedErrorPattern, APressDuringAFlashEndsItWithTheLedOff)
+// The events of a pattern broken off by the button, pressed from press_ms on.
+Events PressedFrom(std::uint64_t press_ms, ErrorLedPattern pattern, unsigned int flags)
 {
     FakeContext context;
-    context.GpioBoard().input_levels = [](std::uint64_t ns) {
-        return ns >= T0 + 1600 * MS ? 1u << 12 : 0u; // during the first flash
-    };
-    EXPECT_TRUE(ShowLedErrorPattern(ERROR_LED_ETHERNET, LED_WATCH_BUTTON));
-    EXPECT_EQ(context.GpioBoard().events, (Events{{T0 + 1500 * MS, 17, 1}, {T0 + 1600 * MS, 17, 0}}));
+    context.GpioBoard().input_levels = [=](std::uint64_t ns) { return ns >= T0 + press_ms * MS ? 1u << 12 : 0u; };
+    EXPECT_TRUE(ShowLedErrorPattern(pattern, flags));
+    return context.GpioBoard().events;
+}
+
+TEST(ShowLedErrorPattern, TheButtonBreaksOffAtTheNextPoll)
+{
+    // Pattern 2, rounds of 2600 ms: a press from 500 ms on is ignored in round
+    // one and seen at the first poll of round two, whose flash is not waited for.
+    Events expected = Flashes({1500, 2050});
+    expected.insert(expected.end(), {{T0 + 2610 * MS, 17, 1}, {T0 + 2610 * MS, 17, 0}});
+    EXPECT_EQ(PressedFrom(500, ERROR_LED_GENERAL, LED_CHECK_FLAGS), expected);
+    // Watched from the first round on, a press during a flash ends it.
+    EXPECT_EQ(PressedFrom(1600, ERROR_LED_ETHERNET, LED_WATCH_BUTTON),
+              (Events{{T0 + 1500 * MS, 17, 1}, {T0 + 1600 * MS, 17, 0}}));
 }
 
 TEST(ShowLedErrorPattern, SigtermBreaksOffAfterTheFlashAndDetaches)
@@ -96,9 +91,9 @@ TEST(ShowLedErrorPattern, AWaitOverTheMillisecondWrapLastsItsTime)
     FakeContext context;
     // The millisecond count is 200 ms short of wrapping: the first pause ends
     // at 1300 after the wrap, not at once.
-    context.GetClock().SetNanoseconds((0x100000000ULL - 200) * MS);
+    context.GetClock().now_ns = (0x100000000ULL - 200) * MS;
     EXPECT_FALSE(ShowLedErrorPattern(ERROR_LED_GENERAL, LED_WATCH_BUTTON | LED_STOP_AFTER_THREE));
-    const std::vector<unsigned int>& sleeps = context.GetClock().Sleeps();
+    const std::vector<unsigned int>& sleeps = context.GetClock().sleeps;
     EXPECT_EQ(sleeps.size(), 3 * (150 + 2 * (25 + 30)));
     EXPECT_EQ(context.GpioBoard().events.front().ns, (0x100000000ULL + 1300) * MS);
 }

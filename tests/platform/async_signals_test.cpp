@@ -1,6 +1,5 @@
 // The debugger flag, the signal policy and the observer registry.
 #include <pthread.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <string>
@@ -53,8 +52,7 @@ TEST(ConfigureSignals, SigintIsBlockedUnlessTheDebuggerIsEnabled)
                 "^SIGINT received\n$");
 }
 
-class Counter : public corvid::SignalObserver {
-public:
+struct Counter : corvid::SignalObserver {
     void OnSignal(int signal) override { total += signal; }
     int total = 0;
 };
