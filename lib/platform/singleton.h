@@ -43,12 +43,12 @@ public:
                                                  detail::TypeName<T>())
                           .c_str(),
                       "sm_instance == __null");
-        sm_instance = static_cast<T*>(this);
+        sm_instance = this;
     }
 
     ~Singleton()
     {
-        CORVID_ASSERT(sm_instance == static_cast<T*>(this), "lib/platform/singleton", 58,
+        CORVID_ASSERT(sm_instance == this, "lib/platform/singleton", 58,
                       detail::SingletonSignature("corvid::Singleton<T>::~Singleton()",
                                                  detail::TypeName<T>())
                           .c_str(),
@@ -61,18 +61,21 @@ public:
 
     static T* GetInstance()
     {
-        T* p = sm_instance;
+        Singleton* p = sm_instance;
         const auto address = reinterpret_cast<std::uintptr_t>(p);
         CORVID_ASSERT_DETAIL(address > 4095 && address % 8 == 0, "lib/platform/singleton", 71,
                              detail::SingletonSignature("static T* corvid::Singleton<T>::GetInstance()",
                                                         detail::TypeName<T>())
                                  .c_str(),
                              "Invalid pointer", "Pointer=%p\n", static_cast<void*>(p));
-        return p;
+        return static_cast<T*>(p);
     }
 
 protected:
-    static inline T* sm_instance = nullptr;
+    // The registered instance, kept as this base: converted to T only once
+    // the object is whole (in GetInstance), never while T is being built or
+    // torn down.
+    static inline Singleton* sm_instance = nullptr;
 };
 
 } // namespace corvid

@@ -13,7 +13,7 @@
 
 class SingletonProbe : public corvid::Singleton<SingletonProbe> {
 public:
-    static void Force(std::uintptr_t address) { sm_instance = reinterpret_cast<SingletonProbe*>(address); }
+    static void Force(std::uintptr_t address) { sm_instance = reinterpret_cast<Singleton*>(address); }
     std::uint64_t m_value = 0; // real instances have members, so are aligned
 };
 
