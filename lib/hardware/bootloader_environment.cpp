@@ -5,7 +5,7 @@
 #include <stdexcept>
 
 #include "hardware/context.h"
-#include "hardware/nand_block_access.h"
+#include "platform/nand_block_access.h"
 #include "platform/trace.h"
 
 namespace {

@@ -16,7 +16,7 @@
 #include <string>
 #include <string_view>
 
-#include "hardware/nand_access.h"
+#include "platform/nand_access.h"
 
 class Context;
 

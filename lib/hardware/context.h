@@ -18,7 +18,7 @@
 
 #include "hardware/bootloader_environment.h"
 #include "hardware/event_device.h"
-#include "hardware/nand_access.h"
+#include "platform/nand_access.h"
 #include "platform/system_context.h"
 
 class Context : public corvid::SystemContext {

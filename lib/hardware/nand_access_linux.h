@@ -6,7 +6,7 @@
 #include <limits>
 #include <string>
 
-#include "hardware/nand_access.h"
+#include "platform/nand_access.h"
 #include "platform/handles.h"
 
 // One row of /proc/mtd.

@@ -9,7 +9,7 @@
 #include <set>
 #include <string>
 
-#include "hardware/nand_access.h"
+#include "platform/nand_access.h"
 #include "platform/posix_helpers.h"
 
 class NandImageAccess final : public NandAccess {

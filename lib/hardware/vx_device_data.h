@@ -14,7 +14,7 @@
 #include <string>
 #include <string_view>
 
-#include "hardware/nand_access.h"
+#include "platform/nand_access.h"
 
 // The format.
 inline constexpr std::uint32_t DEVICE_DATA_MAGIC = 0x44445856;        // "VXDD"

@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "hardware/nand_access_linux.h"
-#include "hardware/nand_block_access.h"
+#include "platform/nand_block_access.h"
 #include "hardware/nand_image_access.h"
 #include "support/fake_context.h"
 #include "support/oracles.h"

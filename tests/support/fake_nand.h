@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "hardware/nand_access.h"
+#include "platform/nand_access.h"
 #include "platform/posix_helpers.h"
 
 class FakeNand final : public NandAccess {

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "command.h"
-#include "hardware/nand_access.h"
+#include "platform/nand_access.h"
 
 namespace vxtool {
 

@@ -1,4 +1,4 @@
-#include "hardware/nand_access.h"
+#include "platform/nand_access.h"
 
 void NandAccess::EraseRange(std::uint64_t offset, std::uint64_t length)
 {

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "hardware/nand_access.h"
+#include "platform/nand_access.h"
 
 namespace NandBlockAccess {
 

@@ -1,4 +1,4 @@
-#include "hardware/nand_block_access.h"
+#include "platform/nand_block_access.h"
 
 #include <algorithm>
 #include <stdexcept>
