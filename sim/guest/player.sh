@@ -191,6 +191,13 @@ vx_splash_stop() {
     cp "/tmp/$NAME/splash" "$SC/out/splash"
 }
 
+# vx_avs BLOCK: writes the 72-byte AVS status block (a file below the
+# scenario directory) at physical 0x08144000 through the guest's /dev/mem.
+vx_avs() {
+    chroot "$ROOT" /usr/bin/dd if="/run/vxsim/scenario/$1" of=/dev/mem bs=72 count=1 \
+        seek=$((0x08144000)) oflag=seek_bytes conv=notrunc status=none
+}
+
 # vx_kmsg FILE: every record now in the kernel log, in /dev/kmsg format.
 vx_kmsg() {
     chroot "$ROOT" /usr/bin/dd if=/dev/kmsg of="/run/vxsim/scenario/out/$1" iflag=nonblock bs=65536 2>/dev/null || true

@@ -28,7 +28,7 @@ class ScenarioTest(unittest.TestCase):
             "stdin goes with vxtool": {"flash": [{"name": "a", "blocks": 1, "stdin": "x"}]},
             "the partitions need 2048 erase blocks": {"flash": [{"name": "a", "blocks": 2048}]},
             "partition names must differ": {"flash": [{"name": "a", "blocks": 1}, {"name": "a", "blocks": 1}]},
-            "[avs] (the AVS register block behind /dev/mem) is not simulated yet": {"avs": {}},
+            "[avs]: words must be 18 unsigned 32-bit numbers": {"avs": {"words": [1] * 17}},
             "[gpio]: 'levels' must be a mask of 32 bits": {"gpio": {"levels": 1 << 32}},
             "[input]: pin 3 is not an input": {"input": {"press": ["3@100"]}},
             "[input]: 'release' takes texts like": {"input": {"release": ["12:100"]}},

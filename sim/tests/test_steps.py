@@ -39,6 +39,7 @@ class StepsTest(unittest.TestCase):
             vx_erase 1
             vx_eth0 02:00:00:00:00:01
             vx_gpio 0x1
+            vx_avs in/avs.bin
             vx_run 120 'V=x'"'"'y' -- /b/vx-hwcheck 'a b'
             vx_collect /etc/issue""").split("\n"))
 
@@ -50,6 +51,7 @@ class StepsTest(unittest.TestCase):
             steps = prepare_scenario(s, d, {"vxevdev": "/b/vxevdev"})
         self.assertEqual(steps[4:], [
             "vx_gpio 0x80000000",
+            "vx_avs in/avs.bin",
             "vx_input_start /b/vxevdev --inputs 0x1000 --outputs 0x300 --configurable 0x0 --levels 0x0 "
             "--epoch open --press 12@3000 --press 12@9000 --release 12@3100",
             "vx_splash_start",

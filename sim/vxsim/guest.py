@@ -121,7 +121,10 @@ def read_results(sdir, collect):
 
 
 def qemu_command(memory, cmdline, vmlinux, rundir):
-    append = f"console=ttyS0 panic=-1 quiet loglevel=4 mitigations=off {cmdline}".strip()
+    # The register space of the AVS block reserved, so that /dev/mem may map it
+    # (the kernel restricts /dev/mem to what is not RAM); MemTotal is 35 MiB less.
+    append = (f"console=ttyS0 panic=-1 quiet loglevel=4 mitigations=off "
+              f"memmap=0x2300000$0x08000000 {cmdline}").strip()
     return ["qemu-system-x86_64", "-nodefaults", "-no-user-config", "-machine", "pc",
             "-accel", "tcg", "-m", memory, "-smp", "1", "-display", "none", "-no-reboot",
             "-serial", "file:" + os.path.join(rundir, "console.log"), "-monitor", "none",

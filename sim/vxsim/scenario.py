@@ -21,7 +21,6 @@ OOB_SIZE = 64
 
 # Tables that a player will grow; accepted names, not yet simulated.
 RESERVED_TABLES = {
-    "avs": "the AVS register block behind /dev/mem",
 }
 
 MASK_MAX = 0xFFFFFFFF  # GPIO masks: 32 lines or pins, bit n for line or pin n
@@ -62,6 +61,13 @@ class Net:
 class Gpio:
     """The GPIO chip, lines 64..95: present in every scenario."""
     levels: int = 0x1  # input levels, bit n for line 64 + n; line 64 high: healthy
+
+
+@dataclass
+class Avs:
+    """The AVS status block (18 words at physical 0x08144000), written into
+    the guest's reserved register range before the program runs."""
+    words: list[int] = field(default_factory=lambda: [0] * 18)
 
 
 @dataclass
@@ -123,6 +129,7 @@ class Scenario:
     files: dict[str, str] = field(default_factory=dict)
     net: Net = field(default_factory=Net)
     gpio: Gpio = field(default_factory=Gpio)
+    avs: Avs = field(default_factory=Avs)
     input: Input | None = None  # None: no event device
     splash: Splash = field(default_factory=Splash)
     run: Run = field(default_factory=Run)
@@ -265,6 +272,15 @@ def parse_gpio(t):
     return gpio
 
 
+def parse_avs(t):
+    avs = Avs(words=t.take("words", list, Avs().words))
+    if len(avs.words) != 18 or not all(isinstance(w, int) and not isinstance(w, bool)
+                                       and 0 <= w <= 0xFFFFFFFF for w in avs.words):
+        raise t.error("words must be 18 unsigned 32-bit numbers")
+    t.done()
+    return avs
+
+
 def parse_timed(t, key, inputs):
     """press or release: "PIN@MS" texts, each an input pin and milliseconds
     after the epoch."""
@@ -379,6 +395,7 @@ def parse_scenario(name, data):
         files=parse_texts(doc.table("files"), absolute=True),
         net=parse_net(doc.table("net")),
         gpio=parse_gpio(doc.table("gpio")),
+        avs=parse_avs(doc.table("avs")),
         input=parse_input(doc.table("input")) if "input" in doc else None,
         splash=parse_splash(doc.table("splash")),
         run=parse_run(doc.table("run")),

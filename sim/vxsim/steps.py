@@ -12,6 +12,7 @@ that start it before the program and those that stop it after.
 
 import os
 import shlex
+import struct
 import subprocess
 from dataclasses import dataclass
 
@@ -111,6 +112,15 @@ def gpio_steps(s, setup):
     return [f"vx_gpio {s.gpio.levels:#x}"]
 
 
+def avs_steps(s, setup):
+    """The AVS status block as the scenario gives it (zeros by default)."""
+    block = os.path.join(setup.sdir, "in", "avs.bin")
+    os.makedirs(os.path.dirname(block), exist_ok=True)
+    with open(block, "wb") as f:
+        f.write(struct.pack("<18I", *s.avs.words))
+    return ["vx_avs in/avs.bin"]
+
+
 def input_companion(s, setup):
     """The event device's server, from before the program until after it."""
     d = s.input
@@ -161,7 +171,7 @@ def collect_steps(s, setup):
     return ["vx_collect " + " ".join(q(p) for p in collect)] if collect else []
 
 
-STEPS = [root_steps, chip_steps, proc_steps, flash_steps, net_steps, gpio_steps, run_steps,
+STEPS = [root_steps, chip_steps, proc_steps, flash_steps, net_steps, gpio_steps, avs_steps, run_steps,
          collect_steps]
 
 
