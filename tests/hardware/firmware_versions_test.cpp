@@ -1,0 +1,123 @@
+// The firmware versions: first-images layouts written out from their
+// definition, rescue kernels, the fallbacks and the order of version texts.
+#include <stdexcept>
+#include <string>
+#include <tuple>
+#include <utility>
+
+#include <gtest/gtest.h>
+
+#include "hardware/firmware_versions.h"
+#include "hardware/hardware_config.h"
+#include "platform/posix_helpers.h"
+#include "support/elf_images.h"
+#include "support/fake_context.h"
+
+using namespace std::string_literals;
+
+namespace {
+
+constexpr std::size_t E = 16384;
+
+// The text f returns and what it printed on standard error.
+template <typename F>
+std::pair<std::string, std::string> WithStderr(F&& f)
+{
+    testing::internal::CaptureStderr();
+    std::string result = f();
+    return {result, testing::internal::GetCapturedStderr()};
+}
+
+// flash0.bolt (2 MiB, block 2 bad): the words at 0xD068 and 0xD06C, and the
+// information text at start + 0xFFC00, logical offsets over the good blocks.
+void AddBolt(FakeContext& context, std::uint32_t elsewhere, std::uint32_t start, const std::string& text)
+{
+    auto nand = context.AddPartition("flash0.bolt", 2 * 1024 * 1024, E);
+    nand->bad_blocks = {2};
+    std::string logical(nand->data.size() - E, '\xFF');
+    logical.replace(0xD068, 8, vxtest::Le32(elsewhere) + vxtest::Le32(start));
+    logical.replace(start + 0xFFC00, text.size(), text);
+    vxtest::LayOver(*nand, logical);
+}
+
+TEST(FirstImages, InformationTextAndItsFailures)
+{
+    FakeContext context;
+    AddBolt(context, 0, 4 * E, "\xFF\xFF\xFF" "a=b;version=8.0.1;minimum_firmware_version=8.0.0\0version=9"s);
+    const bolt::FirstImagesInfo info = bolt::GetFirstImagesInfo();
+    EXPECT_EQ(info.version + " " + info.minimum_firmware_version, "8.0.1 8.0.0");
+    EXPECT_EQ(WithStderr(GetFirstImagesVersion), std::make_pair("8.0.1"s, ""s));
+    AddBolt(context, 0, E, std::string(1024, '\xFF'));
+    EXPECT_EQ(bolt::GetFirstImagesInfo().version + bolt::GetFirstImagesInfo().minimum_firmware_version, "");
+
+    const std::string failed = "Failed to get BOLT firstimages version: ";
+    AddBolt(context, 1, E, "version=1");
+    EXPECT_EQ(WithStderr(GetFirstImagesVersion),
+              std::make_pair("unavailable"s, "First images are not in first partition\n" + failed +
+                                                 "First images are not in first partition\n"));
+    AddBolt(context, 0, E + 512, "version=1");
+    EXPECT_EQ(WithStderr(GetFirstImagesVersion),
+              std::make_pair("unavailable"s, "First images do not start on an erase block boundary" + failed +
+                                                 "First images do not start on an erase block boundary\n"));
+}
+
+TEST(RescueKernel, VersionNoteAndTheFallback)
+{
+    FakeContext context;
+    const auto rescue = [&](const std::string& image) {
+        auto nand = context.AddPartition("flash0.rescue", 16 * 4096, 4096);
+        nand->bad_blocks = {1};
+        vxtest::LayOver(*nand, image);
+        return WithStderr(GetRescueKernelVersion);
+    };
+    using vxtest::Note;
+    // Type 1 and the exact name only; the last match wins.
+    EXPECT_EQ(rescue(vxtest::SyntheticElf(183, true, {{4, Note(1, "veltrix", "3.1.4")}, {4, Note(2, "veltrix", "2")},
+                                                      {4, Note(1, "Veltrix", "c")}, {4, Note(1, "veltrix", "3.1.5")}})),
+              std::make_pair("3.1.5"s, ""s));
+    EXPECT_EQ(rescue(vxtest::SyntheticElf(62, true, {{4, Note(1, "VELTRIX", "1")}})), std::make_pair(""s, ""s));
+    EXPECT_EQ(rescue(vxtest::Gzip(vxtest::GccElf(vxtest::NoteAsm("veltrix", "2.0.7", 1)), "-9")),
+              std::make_pair("2.0.7"s, ""s));
+    EXPECT_EQ(rescue(std::string(64, '\0')),
+              std::make_pair("0.0.0"s, "Unable to read rescue kernel version: No ELF header\n"s));
+}
+
+TEST(Versions, BootLoaderOperatingSystemAndSerial)
+{
+    for (const auto& [text, expected, message] :
+         {std::tuple{"v-3.1.2"s, "3.1.2"s, ""s}, {"4.10.20"s, "4.10.20"s, ""s},
+          {"abc"s, "abc"s, "Boot version in incorrect format: 'abc'\n"s},
+          {""s, "0.0.0"s, "Empty boot version from boot loader. Bad.\n"s}})
+        EXPECT_EQ(WithStderr([t = text] { return NormaliseBootloaderVersion(t); }), std::make_pair(expected, message));
+
+    for (const char* format : {"VX_FORMAT=01", "VX_OTHER=1"}) {
+        FakeContext context;
+        context.AddPartition("flash0.nvram", 4 * E, E)->Poke(0, vxtest::EnvironmentBlock({format, "VX_SERIAL=1"}, E));
+        EXPECT_EQ(GetSerialNumber(), "") << format;
+    }
+    FakeContext context;
+    context.WriteFile("/proc/boardid", "ID: 0x1\nBootloader-version: bolt-v4.2\n");
+    const auto nvram = context.AddPartition("flash0.nvram", 4 * E, E);
+    nvram->Poke(0, vxtest::EnvironmentBlock({"VX_FORMAT=1", "VX_SERIAL=A123"}, E));
+    testing::internal::CaptureStderr();
+    const HardwareConfig config;
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(GetBootloaderVersion() + " " + GetSerialNumber(), "v4.2 A123");
+
+    EXPECT_THROW(GetOperatingSystemVersion(), corvid::ErrnoException);
+    context.WriteFile("/etc/veltrix-version", "\0 \t\r\n\v\f12.0.1 \n\0"s);
+    EXPECT_EQ(GetOperatingSystemVersion(), "\f12.0.1");
+}
+
+TEST(CompareVersions, NaturalOrderAndOverflow)
+{
+    for (const auto& [a, b, order] :
+         {std::tuple{"1.2.10", "1.2.9", 1}, {"1.2", "1.2.0", -1}, {"1.2.0", "1.2", 1}, {"10", "010", 0},
+          {"1.01", "1.1", 0}, {"", "", 0}, {"", "1", -1}, {"1a", "1.a", 1}, {"a", "1", -1}, {"1", "a", 1},
+          {"4294967295", "4294967294", 1}})
+        EXPECT_EQ(CompareVersions(a, b), order) << a << " " << b;
+    EXPECT_THROW(CompareVersions("1", "99999999999"), std::range_error);
+    EXPECT_EQ(vxtest::WhatOf([] { CompareVersions("4294967296", "1"); }), "Version string has out of range number");
+}
+
+} // namespace

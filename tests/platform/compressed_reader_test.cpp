@@ -1,0 +1,134 @@
+// The compressed reader and the ELF note walk, against executables built by
+// gcc and listed by readelf, gzip's compression, and images at every limit.
+#include <csignal>
+#include <memory>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/maybe_compressed_nand_reader.h"
+#include "support/elf_images.h"
+
+namespace {
+
+using vxtest::Note;
+using vxtest::SyntheticElf;
+using Notes = std::vector<std::tuple<unsigned, std::string, std::string>>;
+
+// 16 blocks of 4 KiB, block 1 bad, holding data from the start.
+std::shared_ptr<FakeNand> Partition(const std::string& data)
+{
+    auto nand = std::make_shared<FakeNand>(16 * 4096, 4096);
+    nand->bad_blocks = {1};
+    vxtest::LayOver(*nand, data);
+    return nand;
+}
+
+// The notes delivered, then how the walk ended.
+std::pair<Notes, std::string> Walk(const std::string& image)
+{
+    Notes notes;
+    const std::string end = vxtest::WhatOf([&] {
+        EnumerateElfNotes(Partition(image), [&](unsigned t, const std::string& n, const std::string& d) {
+            notes.emplace_back(t, n, d);
+        });
+    });
+    return {notes, end};
+}
+const std::string OK = "no exception";
+
+TEST(ElfNotes, GccImagesPlainAndGzipGiveReadelfsFirstNote)
+{
+    for (const bool m32 : {false, true}) {
+        // Two notes in one section, one PT_NOTE segment: only the first counts.
+        const std::string image = vxtest::GccElf(
+            vxtest::NoteAsm("veltrix", "4.2.0-rescue", 1) + vxtest::NoteAsm("other", "x", 7), m32);
+        const auto listed = vxtest::ReadelfNotes(image);
+        ASSERT_EQ(listed.size(), 2u);
+        const Notes first = {{1, listed[0].first, listed[0].second}};
+        ASSERT_EQ(first, (Notes{{1, "veltrix", "4.2.0-rescue"}}));
+        for (const std::string& data : {image, vxtest::Gzip(image, "-1"), vxtest::Gzip(image, "-9")})
+            EXPECT_EQ(Walk(data), std::make_pair(first, OK)) << m32;
+    }
+}
+
+TEST(ElfNotes, LimitsAtTheirBoundaries)
+{
+    const vxtest::Segment note{4, Note(1, "n", "d")};
+    const std::pair<Notes, std::string> one = {{{1, "n", "d"}}, OK};
+    const std::string name(63, 'n'), desc(127, 'd');
+    const auto fails = [](const char* what) { return std::make_pair(Notes{}, std::string(what)); };
+    const std::pair<std::string, std::pair<Notes, std::string>> cases[] = {
+        {SyntheticElf(40, false, {note}, 0, 31, 1), fails("ELF programme headers too small")},
+        {SyntheticElf(40, false, {note}, 0, 32, 1), one},
+        {SyntheticElf(183, true, {note}, 0, 55, 1), fails("ELF programme headers too small")},
+        {SyntheticElf(183, true, {note}, 0, 56, 1), one},
+        {SyntheticElf(62, true, {note}, '\1'), one}, // the class byte is not looked at
+        {SyntheticElf(21, true, {note}), fails("Unsupported ELF machine")},
+        {std::string(64, 'E'), fails("No ELF header")},
+        {SyntheticElf(3, false, {{4, note.content, 256}}), one},
+        {SyntheticElf(3, false, {{4, note.content, 257}}), fails("Note too big")},
+        {SyntheticElf(62, true, {{4, Note(9, name, desc)}}), {{{9, name, desc}}, OK}},
+        {SyntheticElf(62, true, {{4, Note(9, name + "n", "d")}}), fails("Note name too large")},
+        {SyntheticElf(62, true, {{4, Note(9, "n", desc + "d")}}), fails("Description too large")},
+        // The last byte is forced to zero; a size of 0 is the empty text.
+        {SyntheticElf(8, false, {{4, Note(5, "abcd", "wxyz", 4, 0)}}), {{{5, "abc", ""}}, OK}},
+        // Program-header order; the callback keeps what came before a failure.
+        {SyntheticElf(10, false, {{4, Note(1, "a", "1")}, {1, "LOAD"}, {4, Note(2, "b", "2")},
+                                  {4, Note(3, "c", "3"), 257}}),
+         {{{1, "a", "1"}, {2, "b", "2"}}, "Note too big"}},
+    };
+    for (const auto& [image, expected] : cases)
+        EXPECT_EQ(Walk(image), expected) << &image - &cases[0].first;
+}
+
+TEST(MaybeCompressedNandReader, PositionedReads)
+{
+    std::string data(20000, '\0');
+    for (std::size_t i = 0; i < data.size(); ++i)
+        data[i] = char(i * 7 + i / 251);
+    char buffer[100];
+    const auto read = [&](MaybeCompressedNandReader& r, long offset, long length) {
+        EXPECT_EQ(r.Read(offset, buffer, length), offset + length);
+        return std::string(buffer, length) == data.substr(offset, length);
+    };
+    const auto plain = Partition(data);
+    MaybeCompressedNandReader reader(plain);
+    EXPECT_TRUE(reader.IsSeekable() && read(reader, 10, 20));
+    plain->reads.clear();
+    EXPECT_TRUE(read(reader, 12000, 100)); // a seek, over the bad block
+    EXPECT_EQ(plain->reads.front(), std::make_pair(std::uint64_t(12000 + 4096), std::size_t(16384 - 16096)));
+    EXPECT_TRUE(read(reader, 5, 50)); // backwards
+
+    MaybeCompressedNandReader gzip(Partition(vxtest::Gzip(data, "-9")));
+    EXPECT_FALSE(gzip.IsSeekable());
+    EXPECT_TRUE(read(gzip, 0, 2) && read(gzip, 9000, 100) && read(gzip, 9100, 100));
+    EXPECT_EQ(vxtest::WhatOf([&] { gzip.Read(10, buffer, 1); }), "no random access: iostream error");
+    // Past the end of the gzip data: erased flash is no gzip member.
+    MaybeCompressedNandReader erased(Partition(vxtest::Gzip(data.substr(0, 50), "-1")));
+    EXPECT_EQ(vxtest::WhatOf([&] { erased.Read(40, buffer, 11); }), "gzip error: iostream error");
+
+    auto bad = std::make_shared<FakeNand>(2 * 4096, 4096);
+    bad->bad_blocks = {0, 1};
+    EXPECT_EQ(vxtest::WhatOf([&] { MaybeCompressedNandReader r(bad); }), "Seek beyond end of good NAND blocks");
+}
+
+TEST(MaybeCompressedNandReaderDeathTest, WriteAndSeekFromTheEnd)
+{
+    VXTEST_REQUIRE_ISOLATION();
+    MaybeCompressedNandReader::NandSource source(std::make_shared<FakeNand>(4096, 4096));
+    const std::string report = ": false\nASSERT Executing lib/platform/maybe_compressed_nand_reader:";
+    const auto logged = [](const std::string& text) {
+        return vxtest::ReadFile(vxtest::KernelLogFile()).find(text) != std::string::npos;
+    };
+    EXPECT_EXIT(source.write("x", 1), testing::KilledBySignal(SIGABRT), "");
+    EXPECT_TRUE(logged(report + "21:std::streamsize MaybeCompressedNandReader::NandSource::write(const char*, "
+                                "std::streamsize)\n"));
+    EXPECT_EXIT(source.seek(0, std::ios_base::end), testing::KilledBySignal(SIGABRT), "");
+    EXPECT_TRUE(logged(report + "35:std::streampos MaybeCompressedNandReader::NandSource::seek("
+                                "boost::iostreams::stream_offset, std::ios_base::seekdir)\n"));
+}
+
+} // namespace

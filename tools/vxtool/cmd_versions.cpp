@@ -1,0 +1,68 @@
+// vxtool versions: the firmware versions of the boot report.
+#include <fmt/format.h>
+
+#include "command.h"
+#include "hardware/board_id.h"
+#include "hardware/bootloader_environment.h"
+#include "hardware/firmware_versions.h"
+#include "hardware/hardware_config.h"
+#include "identity_options.h"
+#include "source.h"
+#include "tool_context.h"
+
+namespace vxtool {
+namespace {
+
+constexpr const char* USAGE =
+    "[--bolt-mtd NAME | --bolt-image FILE --bolt-erase-size BYTES ...] "
+    "[--rescue-mtd NAME | --rescue-image FILE --rescue-erase-size BYTES ...] "
+    "[--env-mtd NAME | --env-image FILE --env-erase-size BYTES ...] "
+    "[--devdata-mtd NAME | --devdata-image FILE --devdata-erase-size BYTES ...] "
+    "[--boardid FILE] [--version-file FILE]";
+
+// Puts the partition of the prefixed source options in place of the live
+// partition called name.
+void TakePartition(Arguments& args, const std::string& prefix, const std::string& name)
+{
+    Arguments taken;
+    if (!TakePrefixedSourceArguments(args, prefix, taken))
+        return;
+    const SourceOptions source = TakeSourceOptions(taken, name);
+    ExpectNoMoreArguments(taken);
+    ToolContext::Get().UsePartition(name, OpenSource(source));
+}
+
+// Prints the five texts in the order the boot report gathers them; the
+// library's own messages go to standard error.
+int Run(const Arguments& arguments)
+{
+    Arguments args = arguments;
+    std::string file;
+    if (TakeOption(args, "--boardid", file))
+        ToolContext::Get().UseFile(BOARD_ID_PATH, file);
+    if (TakeOption(args, "--version-file", file))
+        ToolContext::Get().UseFile(VERSION_FILE_PATH, file);
+    TakePartition(args, "bolt", BOOTLOADER_PARTITION);
+    TakePartition(args, "rescue", RESCUE_KERNEL_PARTITION);
+    TakePartition(args, "env", BOOTLOADER_ENVIRONMENT_PARTITION);
+    TakePartition(args, "devdata", "flash0.devid");
+    ExpectNoMoreArguments(args);
+
+    // The boot-loader version comes from the hardware configuration, as in
+    // the check.
+    const HardwareConfig config;
+    const std::string boot = GetBootloaderVersion();
+    const std::string first_images = GetFirstImagesVersion();
+    const std::string rescue = GetRescueKernelVersion();
+    const std::string mission = GetOperatingSystemVersion();
+    const std::string serial = GetSerialNumber();
+    fmt::print("boot: {}\nfirstimages: {}\nrescue: {}\nmission: {}\nserial: {}\n", boot, first_images,
+               rescue, mission, serial);
+    return 0;
+}
+
+const CommandRegistrar reg({"versions", USAGE,
+                            "print the firmware versions and serial number, live or from images", &Run});
+
+} // namespace
+} // namespace vxtool
