@@ -9,7 +9,6 @@
 #include "hardware/bootloader_environment.h"
 #include "hardware/hardware_config.h"
 #include "identity_options.h"
-#include "source.h"
 #include "tool_context.h"
 
 namespace vxtool {
@@ -41,18 +40,6 @@ constexpr std::pair<std::uint64_t, const char*> KNOWN_BITS[] = {
     {0x20000000000000, "dws"},
 };
 
-// Puts the partition of the prefixed source options (an image, or another
-// MTD partition) in place of the live partition called name.
-void TakePartition(Arguments& args, const std::string& prefix, const std::string& name)
-{
-    Arguments taken;
-    if (!TakePrefixedSourceArguments(args, prefix, taken))
-        return;
-    const SourceOptions source = TakeSourceOptions(taken, name);
-    ExpectNoMoreArguments(taken);
-    ToolContext::Get().UsePartition(name, OpenSource(source));
-}
-
 // Prints every field of the configuration, the bitfield and the names of
 // its set bits; the library's own messages go to standard error.
 int Run(const Arguments& arguments)
@@ -61,8 +48,8 @@ int Run(const Arguments& arguments)
     std::string boardid;
     if (TakeOption(args, "--boardid", boardid))
         ToolContext::Get().UseFile(BOARD_ID_PATH, boardid);
-    TakePartition(args, "env", BOOTLOADER_ENVIRONMENT_PARTITION);
-    TakePartition(args, "devdata", "flash0.devid");
+    TakePrefixedPartition(args, "env", BOOTLOADER_ENVIRONMENT_PARTITION);
+    TakePrefixedPartition(args, "devdata", "flash0.devid");
     ExpectNoMoreArguments(args);
 
     const HardwareConfig config;

@@ -7,7 +7,6 @@
 #include "hardware/firmware_versions.h"
 #include "hardware/hardware_config.h"
 #include "identity_options.h"
-#include "source.h"
 #include "tool_context.h"
 
 namespace vxtool {
@@ -20,18 +19,6 @@ constexpr const char* USAGE =
     "[--devdata-mtd NAME | --devdata-image FILE --devdata-erase-size BYTES ...] "
     "[--boardid FILE] [--version-file FILE]";
 
-// Puts the partition of the prefixed source options in place of the live
-// partition called name.
-void TakePartition(Arguments& args, const std::string& prefix, const std::string& name)
-{
-    Arguments taken;
-    if (!TakePrefixedSourceArguments(args, prefix, taken))
-        return;
-    const SourceOptions source = TakeSourceOptions(taken, name);
-    ExpectNoMoreArguments(taken);
-    ToolContext::Get().UsePartition(name, OpenSource(source));
-}
-
 // Prints the five texts in the order the boot report gathers them; the
 // library's own messages go to standard error.
 int Run(const Arguments& arguments)
@@ -42,10 +29,10 @@ int Run(const Arguments& arguments)
         ToolContext::Get().UseFile(BOARD_ID_PATH, file);
     if (TakeOption(args, "--version-file", file))
         ToolContext::Get().UseFile(VERSION_FILE_PATH, file);
-    TakePartition(args, "bolt", BOOTLOADER_PARTITION);
-    TakePartition(args, "rescue", RESCUE_KERNEL_PARTITION);
-    TakePartition(args, "env", BOOTLOADER_ENVIRONMENT_PARTITION);
-    TakePartition(args, "devdata", "flash0.devid");
+    TakePrefixedPartition(args, "bolt", BOOTLOADER_PARTITION);
+    TakePrefixedPartition(args, "rescue", RESCUE_KERNEL_PARTITION);
+    TakePrefixedPartition(args, "env", BOOTLOADER_ENVIRONMENT_PARTITION);
+    TakePrefixedPartition(args, "devdata", "flash0.devid");
     ExpectNoMoreArguments(args);
 
     // The boot-loader version comes from the hardware configuration, as in

@@ -3,6 +3,8 @@
 #include "hardware/board_id.h"
 #include "hardware/context.h"
 #include "platform/posix_helpers.h"
+#include "source.h"
+#include "tool_context.h"
 
 namespace vxtool {
 
@@ -35,6 +37,16 @@ bool TakePrefixedSourceArguments(Arguments& args, const std::string& prefix, Arg
         }
     }
     return any;
+}
+
+void TakePrefixedPartition(Arguments& args, const std::string& prefix, const std::string& name)
+{
+    Arguments taken;
+    if (!TakePrefixedSourceArguments(args, prefix, taken))
+        return;
+    const SourceOptions source = TakeSourceOptions(taken, name);
+    ExpectNoMoreArguments(taken);
+    ToolContext::Get().UsePartition(name, OpenSource(source));
 }
 
 } // namespace vxtool

@@ -25,4 +25,9 @@ inline constexpr const char* ENV_SOURCE_USAGE =
 // TakeSourceOptions. Returns true when any was present.
 bool TakePrefixedSourceArguments(Arguments& args, const std::string& prefix, Arguments& taken);
 
+// Takes the source options with a prefix and, when there were any, puts the
+// partition they name (an image, or another MTD partition) in place of the
+// live partition called name in vxtool's context.
+void TakePrefixedPartition(Arguments& args, const std::string& prefix, const std::string& name);
+
 } // namespace vxtool
