@@ -8,6 +8,7 @@
 #include "hardware/bootloader_environment.h"
 #include "hardware/context.h"
 #include "hardware/hardware_config.h"
+#include "platform/binary_fields.h"
 #include "platform/key_value.h"
 #include "platform/maybe_compressed_nand_reader.h"
 #include "platform/nand_block_access.h"
@@ -25,8 +26,7 @@ std::uint32_t ReadWord(NandAccess& nand, std::uint64_t offset)
 {
     unsigned char bytes[4];
     NandBlockAccess::Read(nand, offset, bytes, sizeof bytes);
-    return std::uint32_t(bytes[0]) | std::uint32_t(bytes[1]) << 8 | std::uint32_t(bytes[2]) << 16 |
-           std::uint32_t(bytes[3]) << 24;
+    return corvid::LoadLe32(bytes);
 }
 
 [[noreturn]] void Fail(const char* message, const char* line_end)

@@ -15,8 +15,6 @@
 
 namespace {
 
-constexpr const char* DEVICE_DATA_PARTITION = "flash0.devid";
-
 // The capabilities a blessing can change, in the order they are matched.
 struct Capability {
     const char* name;

@@ -16,6 +16,9 @@
 
 #include "platform/nand_access.h"
 
+// Name of the partition that holds the device data.
+inline constexpr const char* DEVICE_DATA_PARTITION = "flash0.devid";
+
 // The format.
 inline constexpr std::uint32_t DEVICE_DATA_MAGIC = 0x44445856;        // "VXDD"
 inline constexpr std::uint32_t DEVICE_DATA_ERASED_WORD = 0xFFFFFFFF; // ends the chunk list

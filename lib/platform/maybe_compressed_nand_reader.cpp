@@ -8,6 +8,7 @@
 #include <boost/iostreams/filter/gzip.hpp>
 
 #include "platform/assert.h"
+#include "platform/binary_fields.h"
 #include "platform/nand_block_access.h"
 
 namespace {
@@ -101,15 +102,6 @@ constexpr std::uint64_t MAX_NOTE_SEGMENT = 256;
 constexpr std::uint32_t MAX_NOTE_NAME = 64;
 constexpr std::uint32_t MAX_NOTE_DESCRIPTION = 128;
 
-template <typename T>
-T Little(const unsigned char* bytes)
-{
-    T value = 0;
-    for (std::size_t i = sizeof(T); i-- > 0;)
-        value = static_cast<T>(value << 8 | bytes[i]);
-    return value;
-}
-
 // Reads size bytes (at most capacity) into buffer and makes the last of them
 // zero; a size of 0 is the empty text.
 std::string ReadNoteText(const ElfReadFunction& read, std::uint64_t offset, std::uint32_t size,
@@ -134,19 +126,19 @@ void EnumerateElfNotes(const ElfReadFunction& read, const ElfNoteCallback& callb
     bool wide = false;
     std::uint64_t table_offset = 0;
     std::size_t entry_size = 0, count = 0, layout_size = 0;
-    switch (Little<std::uint16_t>(header + 18)) {
+    switch (corvid::LoadLe16(header + 18)) {
     case 3: case 8: case 10: case 40:
         read(20, reinterpret_cast<char*>(header + 20), 32);
-        table_offset = Little<std::uint32_t>(header + 28);
-        entry_size = Little<std::uint16_t>(header + 42);
-        count = Little<std::uint16_t>(header + 44);
+        table_offset = corvid::LoadLe32(header + 28);
+        entry_size = corvid::LoadLe16(header + 42);
+        count = corvid::LoadLe16(header + 44);
         layout_size = 32;
         break;
     case 62: case 183:
         read(20, reinterpret_cast<char*>(header + 20), 44);
-        table_offset = Little<std::uint64_t>(header + 32);
-        entry_size = Little<std::uint16_t>(header + 54);
-        count = Little<std::uint16_t>(header + 56);
+        table_offset = corvid::LoadLe64(header + 32);
+        entry_size = corvid::LoadLe16(header + 54);
+        count = corvid::LoadLe16(header + 56);
         layout_size = 56;
         wide = true;
         break;
@@ -161,20 +153,20 @@ void EnumerateElfNotes(const ElfReadFunction& read, const ElfNoteCallback& callb
     const auto* bytes = reinterpret_cast<const unsigned char*>(table.data());
     for (std::size_t at = 0; at + layout_size <= table.size(); at += entry_size) {
         const unsigned char* entry = bytes + at;
-        if (Little<std::uint32_t>(entry) != PT_NOTE_TYPE)
+        if (corvid::LoadLe32(entry) != PT_NOTE_TYPE)
             continue;
         const std::uint64_t file_size =
-            wide ? Little<std::uint64_t>(entry + 32) : Little<std::uint32_t>(entry + 16);
+            wide ? corvid::LoadLe64(entry + 32) : corvid::LoadLe32(entry + 16);
         if (file_size > MAX_NOTE_SEGMENT)
             throw std::runtime_error("Note too big");
         const std::uint64_t offset =
-            wide ? Little<std::uint64_t>(entry + 8) : Little<std::uint32_t>(entry + 4);
+            wide ? corvid::LoadLe64(entry + 8) : corvid::LoadLe32(entry + 4);
 
         unsigned char note[12];
         read(offset, reinterpret_cast<char*>(note), sizeof note);
-        const auto name_size = Little<std::uint32_t>(note);
-        const auto description_size = Little<std::uint32_t>(note + 4);
-        const auto type = Little<std::uint32_t>(note + 8);
+        const auto name_size = corvid::LoadLe32(note);
+        const auto description_size = corvid::LoadLe32(note + 4);
+        const auto type = corvid::LoadLe32(note + 8);
         if (name_size > MAX_NOTE_NAME)
             throw std::runtime_error("Note name too large");
         char name[MAX_NOTE_NAME];

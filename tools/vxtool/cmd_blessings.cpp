@@ -24,7 +24,7 @@ constexpr const char* USAGE =
 int Run(const Arguments& arguments)
 {
     Arguments args = arguments;
-    const SourceOptions source = TakeSourceOptions(args, "flash0.devid");
+    const SourceOptions source = TakeSourceOptions(args, DEVICE_DATA_PARTITION);
     const std::string secure_id = TakeSecureId(args);
     std::string serial;
     const bool have_serial = TakeOption(args, "--serial", serial);

@@ -34,7 +34,7 @@ std::string PrintableTag(const std::string& tag)
 int Run(const Arguments& arguments)
 {
     Arguments args = arguments;
-    const NandAccess::Pointer nand = OpenSource(args, "flash0.devid");
+    const NandAccess::Pointer nand = OpenSource(args, DEVICE_DATA_PARTITION);
     ExpectNoMoreArguments(args);
 
     VeltrixDeviceDataStorageNand storage(nand);

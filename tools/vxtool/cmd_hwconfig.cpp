@@ -8,6 +8,7 @@
 #include "hardware/board_id.h"
 #include "hardware/bootloader_environment.h"
 #include "hardware/hardware_config.h"
+#include "hardware/vx_device_data.h"
 #include "identity_options.h"
 #include "tool_context.h"
 
@@ -49,7 +50,7 @@ int Run(const Arguments& arguments)
     if (TakeOption(args, "--boardid", boardid))
         ToolContext::Get().UseFile(BOARD_ID_PATH, boardid);
     TakePrefixedPartition(args, "env", BOOTLOADER_ENVIRONMENT_PARTITION);
-    TakePrefixedPartition(args, "devdata", "flash0.devid");
+    TakePrefixedPartition(args, "devdata", DEVICE_DATA_PARTITION);
     ExpectNoMoreArguments(args);
 
     const HardwareConfig config;

@@ -6,6 +6,7 @@
 #include "hardware/bootloader_environment.h"
 #include "hardware/firmware_versions.h"
 #include "hardware/hardware_config.h"
+#include "hardware/vx_device_data.h"
 #include "identity_options.h"
 #include "tool_context.h"
 
@@ -32,7 +33,7 @@ int Run(const Arguments& arguments)
     TakePrefixedPartition(args, "bolt", BOOTLOADER_PARTITION);
     TakePrefixedPartition(args, "rescue", RESCUE_KERNEL_PARTITION);
     TakePrefixedPartition(args, "env", BOOTLOADER_ENVIRONMENT_PARTITION);
-    TakePrefixedPartition(args, "devdata", "flash0.devid");
+    TakePrefixedPartition(args, "devdata", DEVICE_DATA_PARTITION);
     ExpectNoMoreArguments(args);
 
     // The boot-loader version comes from the hardware configuration, as in
