@@ -1,5 +1,5 @@
 // ELF images for the note walk: executables built by the host's gcc and
-// listed by readelf, images written out from the ELF layout, gzip by the
+// Debian's AArch64 and 32-bit ARM cross compilers and listed by readelf, images written out from the ELF layout, gzip by the
 // gzip program, and laying an image over the good blocks of a FakeNand.
 #pragma once
 
@@ -23,14 +23,21 @@ inline std::string NoteAsm(const std::string& name, const std::string& desc, uns
            ", " + std::to_string(type) + "\n.asciz \"" + name + "\"\n.balign 4\n.asciz \"" + desc + "\"\n.balign 4\n";
 }
 
-// An executable (x86-64, or i386 with m32) whose notes gcc links into a PT_NOTE segment.
-inline std::string GccElf(const std::string& notes, bool m32 = false)
+// The compilers that build the images: x86-64, i386, AArch64 and 32-bit ARM.
+inline const std::vector<std::vector<std::string>> ELF_COMPILERS = {
+    {"/usr/bin/gcc", "-m64"}, {"/usr/bin/gcc", "-m32"}, {"/usr/bin/aarch64-linux-gnu-gcc"},
+    {"/usr/bin/arm-linux-gnueabihf-gcc"}};
+
+// An executable whose notes the compiler links into a PT_NOTE segment.
+inline std::string GccElf(const std::string& notes, const std::vector<std::string>& compiler)
 {
     TempDir dir;
     const std::string out = dir.Path() + "/n";
-    const RunResult r = Run("/usr/bin/gcc", {m32 ? "-m32" : "-m64", "-nostdlib", "-static", "-Wl,--build-id=none",
-                                             "-o", out, dir.WriteFile("n.s", ".section .note.veltrix,\"a\",@note\n" +
-                                             notes + ".text\n.globl _start\n_start: ret\n")});
+    std::vector<std::string> args(compiler.begin() + 1, compiler.end());
+    args.insert(args.end(), {"-nostdlib", "-static", "-Wl,--build-id=none", "-o", out,
+                             dir.WriteFile("n.s", ".section .note.veltrix,\"a\",%note\n" + notes +
+                                                      ".text\n.globl _start\n_start: nop\n")});
+    const RunResult r = Run(compiler[0], args);
     if (r.exit_status != 0)
         throw std::runtime_error("gcc: " + r.err);
     return ReadFile(out);

@@ -16,7 +16,8 @@ TEST(VxtoolVersions, ReadsTheVersionsFromImages)
     logical.replace(0xD068, 8, vxtest::Le32(0) + vxtest::Le32(2 * E));
     logical.replace(2 * E + 0xFFC00, 26, "\xFF\xFFversion=7.1.0;other=1");
     vxtest::LayOver(bolt, logical);
-    vxtest::LayOver(rescue, vxtest::Gzip(vxtest::GccElf(vxtest::NoteAsm("veltrix", "5.0.2", 1)), "-1"));
+    const std::string kernel = vxtest::GccElf(vxtest::NoteAsm("veltrix", "5.0.2", 1), vxtest::ELF_COMPILERS[2]);
+    vxtest::LayOver(rescue, vxtest::Gzip(kernel, "-1"));
     bolt.Poke(E, std::string(E, 'x'));
     rescue.Poke(0, std::string(E, 'x'));
 
