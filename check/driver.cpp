@@ -5,7 +5,6 @@
 
 #include "check/hardware_failure.h"
 #include "hardware/context.h"
-#include "hardware/hardware_config.h"
 #include "platform/key_value.h"
 #include "platform/posix_helpers.h"
 #include "platform/trace.h"
@@ -22,13 +21,6 @@ void CheckMemory()
         return;
     corvid::PrintGuarded("Insufficient memory detected: {}KB.\n", kilobytes);
     throw HardwareFailure("Insufficient memory detected", ERROR_LED_GENERAL);
-}
-
-void WarnAboutSsd()
-{
-    const std::string warning = HardwareConfig::GetInstance()->CheckSsd();
-    if (!warning.empty())
-        corvid::PrintPlain("<3>{}", warning);
 }
 
 namespace {

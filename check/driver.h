@@ -18,10 +18,6 @@ enum CheckStatus : int {
 // read throws ErrnoException.
 void CheckMemory();
 
-// Step 3: prints "<3>" and the hardware configuration's SSD warning, if it
-// has one (a plain print: its failure reaches the outermost handlers).
-void WarnAboutSsd();
-
 // Shows a failure's LED pattern. It may never return (the pattern can end in
 // a deliberate crash); it may also throw when the pattern cannot be shown.
 using FailureDisplay = std::function<void(ErrorLedPattern)>;

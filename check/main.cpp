@@ -2,6 +2,7 @@
 // root and without arguments; the exit status tells the boot scripts
 // whether the player may go on.
 #include "check/driver.h"
+#include "check/startup_pass.h"
 #include "hardware/context.h"
 #include "hardware/hardware_config.h"
 
@@ -10,10 +11,5 @@ int main()
     LiveContext context;
     // Step 1, outside the handlers: an exception here ends the process.
     HardwareConfig config;
-    return RunChecks(
-        [] {
-            CheckMemory();
-            WarnAboutSsd();
-        },
-        ShowFailurePattern);
+    return RunChecks([] { RunStartupPass(WriteIssueFile); }, ShowFailurePattern);
 }

@@ -30,3 +30,10 @@ std::unique_ptr<EventDevice> LiveContext::OpenGpioEventDevice(int type)
         return std::make_unique<VeltrixEventDevice>(VeltrixEventDevice::InputSide{});
     return std::make_unique<VeltrixEventDevice>(VeltrixEventDevice::OutputSide{});
 }
+
+corvid::HardwareAddress LiveContext::GetInterfaceAddress(const std::string& name)
+{
+    corvid::HardwareAddress mac;
+    corvid::GetInterfaceHardwareAddress(name.c_str(), mac);
+    return mac;
+}

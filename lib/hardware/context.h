@@ -4,6 +4,7 @@
 //   - Path("/proc/boardid"): a live path joined to the context's root;
 //   - OpenPartition / OpenWholeDevice: a NAND partition by its /proc/mtd name;
 //   - OpenGpioEventDevice: one side of the board's GPIO event device;
+//   - GetInterfaceAddress: a network interface's hardware address;
 //   - GetClock(): the monotonic clock and sleeping.
 // The program's main constructs a LiveContext (root "/", the MTD devices,
 // the system clock) before anything else; tests construct their own.
@@ -19,6 +20,7 @@
 #include "hardware/bootloader_environment.h"
 #include "hardware/event_device.h"
 #include "platform/nand_access.h"
+#include "platform/posix_helpers.h"
 #include "platform/system_context.h"
 
 class Context : public corvid::SystemContext {
@@ -35,6 +37,10 @@ public:
     // The board's GPIO event device, "/dev/input/veltrix-gpio": its key side
     // (EV_KEY, the inputs) or its LED side (EV_LED, the outputs).
     virtual std::unique_ptr<EventDevice> OpenGpioEventDevice(int type) = 0;
+
+    // The hardware address of the network interface called name. Throws
+    // corvid::ErrnoException when it cannot be read.
+    virtual corvid::HardwareAddress GetInterfaceAddress(const std::string& name) = 0;
 
     // The boot-loader environment of this context, loaded once (see
     // GetBootloaderEnvironment).
@@ -60,6 +66,7 @@ public:
     NandAccess::Pointer OpenPartition(const std::string& name) override;
     NandAccess::Pointer OpenWholeDevice(const std::string& name) override;
     std::unique_ptr<EventDevice> OpenGpioEventDevice(int type) override;
+    corvid::HardwareAddress GetInterfaceAddress(const std::string& name) override;
     corvid::Clock& GetClock() override { return m_clock; }
 
 private:

@@ -45,6 +45,10 @@ vx_begin() {
     vx_mount -t proc proc "$ROOT$PROCFS"
     vx_mount -o bind "$SC" "$ROOT/run/vxsim/scenario"
     if [ -d "$SC/in/root" ]; then
+        # A scenario's directory takes the place of a file of the same name.
+        (cd "$SC/in/root" && find . -type d) | while read -r d; do
+            [ -d "$ROOT/$d" ] || rm -f "$ROOT/$d"
+        done
         cp -a "$SC/in/root/." "$ROOT/"
     fi
 }
@@ -107,12 +111,15 @@ vx_proc() {
     done
 }
 
-# vx_eth0 [MAC]: a dummy interface named eth0 with the given address, or
-# no eth0 at all.
+# vx_eth0 [MAC]: the NIC named eth0 with the given address (any address:
+# the vmxnet3 driver takes all-zero and group addresses too), or no eth0 at
+# all (the NIC waits as nic0).
 vx_eth0() {
-    ip link del eth0 2>/dev/null || true
+    if [ -e /sys/class/net/eth0 ]; then
+        ip link set eth0 down && ip link set eth0 name nic0 || return 1
+    fi
     [ -n "${1:-}" ] || return 0
-    ip link add eth0 type dummy && ip link set eth0 address "$1" && ip link set eth0 up
+    ip link set nic0 address "$1" && ip link set nic0 name eth0 && ip link set eth0 up
 }
 
 # vx_gpio LEVELS: the GPIO chip (lines 64..95) loaded afresh with the input
@@ -204,7 +211,7 @@ vx_kmsg() {
     return 0
 }
 
-# vx_run SECONDS [VAR=VALUE...] -- PROGRAM [ARG...]: runs the program (an
+# vx_run SECONDS [--kmsg] [VAR=VALUE...] -- PROGRAM [ARG...]: runs the program (an
 # absolute path) in the scenario's root with a clean environment plus the
 # given variables and no standard input, kills it after SECONDS, and records
 # its output and status, its process id, the kernel log around it and the
@@ -212,6 +219,13 @@ vx_kmsg() {
 vx_run() {
     RUN_TIMEOUT=$1
     shift
+    # --kmsg: standard error is the kernel log, as the boot scripts make it.
+    RUN_STDERR="$SC/out/stderr"
+    if [ "${1:-}" = "--kmsg" ]; then
+        RUN_STDERR=/dev/kmsg
+        shift
+        : > "$SC/out/stderr"
+    fi
     # The tmpfs /proc holds no process directories; the program gets its own
     # before it starts: "--" becomes a shell that makes it and execs.
     for a; do
@@ -233,10 +247,13 @@ vx_run() {
     # in the program's standard error.
     (exec chroot "$ROOT" /usr/bin/timeout -s KILL "$RUN_TIMEOUT" \
         /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root "$@" \
-        < /dev/null > "$SC/out/stdout" 2> "$SC/out/stderr" 7>&-) || status=$?
+        < /dev/null > "$SC/out/stdout" 2> "$RUN_STDERR" 7>&-) || status=$?
     echo $status > "$SC/out/status"
     read -r t1 rest < /proc/uptime
     echo "$t0 $t1" > "$SC/out/run-uptime"
+    # A record of the runner's own ends the program's last one: the kernel
+    # holds back a record without a line end until the next one comes.
+    echo "<15>vxsim: end of run" > /dev/kmsg
     vx_kmsg kmsg-after
 }
 
@@ -246,6 +263,7 @@ vx_collect() {
         if [ -f "$ROOT$p" ]; then
             mkdir -p "$SC/out/files${p%/*}"
             cp "$ROOT$p" "$SC/out/files$p"
+            stat -c %a "$ROOT$p" > "$SC/out/files$p.mode"
         fi
     done
 }

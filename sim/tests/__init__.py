@@ -12,5 +12,7 @@ HEALTHY = {
 
 
 def scenario(**changes):
-    """Scenario "t": a healthy player with some tables replaced."""
-    return parse_scenario("t", merge(HEALTHY, changes))
+    """Scenario "t": a healthy player with some tables changed; a flash list
+    given replaces the healthy one whole."""
+    merged = merge(HEALTHY, {k: v for k, v in changes.items() if k != "flash"})
+    return parse_scenario("t", dict(merged, flash=changes.get("flash", merged["flash"])))

@@ -4,7 +4,7 @@ import tempfile
 import unittest
 
 from vxsim import SCENARIO_DIR, SimError
-from vxsim.scenario import load_batches, load_scenario
+from vxsim.scenario import merge, load_batches, load_scenario
 
 from . import scenario
 
@@ -47,7 +47,7 @@ class ScenarioTest(unittest.TestCase):
             "[net]: eth0 must be a MAC address": {"net": {"eth0": "02:00:00:00:00"}},
             "[run]: env must map variable names": {"run": {"env": {"1A": "x"}}},
             "[expect]: 'status' must be a number": {"expect": {"status": "0"}},
-            "[expect.files]: 'x' must be absolute": {"expect": {"files": {"x": "y"}}},
+            "[expect.files]: 'x' must be absolute": {"expect": {"status": 0, "files": {"x": "y"}}},
         }
         for message, change in cases.items():
             with self.subTest(message), self.assertRaisesRegex(SimError, re.escape(message)):
@@ -72,6 +72,12 @@ class ScenarioTest(unittest.TestCase):
         self.assertEqual((s.boot.memory, s.boot.cmdline), ("200M", "vx.debug"))
         self.assertEqual(s.proc, {"boardid": "b"})
         self.assertEqual((s.expect.status, s.expect.stderr, s.expect.stdout), (1, ["z"], None))
+
+    def test_partitions_merge_by_name(self):
+        part = lambda name, blocks, **more: dict(name=name, blocks=blocks, **more)
+        merged = merge({"flash": [part("a", 1), part("b", 2), part("c", 3)]},
+                       {"flash": [part("d", 4), part("b", 5), part("a", 1, absent=True)]})
+        self.assertEqual(merged["flash"], [part("b", 5), part("c", 3), part("d", 4)])
 
 
 class BatchTest(unittest.TestCase):

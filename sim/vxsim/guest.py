@@ -44,6 +44,7 @@ class Result:
     pid: str = ""  # the program's process id
     kmsg: list[str] = field(default_factory=list)  # see user_records
     files: dict[str, str] = field(default_factory=dict)  # collected, by path
+    modes: dict[str, str] = field(default_factory=dict)  # their permission bits, octal
     seconds: float | None = None  # the program's run time, guest clock
     device_log: list[tuple[int, str]] | None = None  # the event device's, see device_log
     splash: str | None = None  # what the splash reader got; None: no reader
@@ -62,9 +63,14 @@ def device_log(text):
     return out
 
 
+# What the guest writes to the kernel log after the program (player.sh).
+RUN_END_RECORD = "vxsim: end of run"
+
+
 def user_records(before, after):
     """The records that user space wrote to the kernel log between the two
-    /dev/kmsg dumps, each as "<level>message"."""
+    /dev/kmsg dumps, each as "<level>message", but for the runner's own
+    end-of-run record."""
     def parse(dump):
         out = []
         for line in dump.split("\n"):
@@ -74,7 +80,7 @@ def user_records(before, after):
         return out
     last = max((seq for seq, _, _ in parse(before)), default=-1)
     return [f"<{prio & 7}>{text}" for seq, prio, text in parse(after)
-            if seq > last and prio >> 3 != 0]
+            if seq > last and prio >> 3 != 0 and text != RUN_END_RECORD]
 
 
 def read_results(sdir, collect):
@@ -84,7 +90,7 @@ def read_results(sdir, collect):
 
     def text(name, default=None):
         try:
-            with open(os.path.join(out, name), encoding="utf-8", errors="surrogateescape") as f:
+            with open(os.path.join(out, name), encoding="utf-8", errors="surrogateescape", newline="") as f:
                 return f.read()
         except FileNotFoundError:
             return default
@@ -103,6 +109,7 @@ def read_results(sdir, collect):
         content = text(os.path.join("files", path.lstrip("/")))
         if content is not None:
             result.files[path] = content
+            result.modes[path] = (text(os.path.join("files", path.lstrip("/") + ".mode")) or "").strip()
     log = text("vxevdev.log")
     result.device_log = device_log(log) if log is not None else None
     result.splash = text("splash")
@@ -130,6 +137,8 @@ def qemu_command(memory, cmdline, vmlinux, rundir):
             "-serial", "file:" + os.path.join(rundir, "console.log"), "-monitor", "none",
             "-kernel", vmlinux, "-initrd", os.path.join(rundir, "initramfs.cpio"),
             "-append", append,
+            # The player's Ethernet port, without a network behind it.
+            "-device", "vmxnet3,id=nic0",
             "-virtfs", "local,path=/,mount_tag=hostroot,security_model=none,readonly=on,multidevs=remap",
             "-virtfs", f"local,path={rundir},mount_tag=vxsim,security_model=none"]
 
@@ -189,5 +198,5 @@ def run_boot(scenarios, kernel, programs, rundir, timeout, log):
                     log(f"--- {name} (end) ---\n{f.read()[-4000:]}")
             except OSError:
                 pass
-    return {s.name: read_results(os.path.join(rundir, s.name), sorted(s.expect.files))
+    return {s.name: read_results(os.path.join(rundir, s.name), sorted(set(s.expect.files) | set(s.expect.modes)))
             for s in scenarios}

@@ -22,8 +22,9 @@ import kmod  # noqa: E402  (sim/hw/kmod.py)
 KERNEL_METAPACKAGE = "linux-image-amd64"
 # Modules the guest loads, with everything they depend on: virtio and 9p for
 # the shares, overlayfs for the scenario roots, the NAND simulator, the
-# dummy network driver and CUSE for the GPIO event device.
-MODULE_ROOTS = ["virtio_pci", "9pnet_virtio", "9p", "overlay", "nandsim", "dummy", "cuse"]
+# Ethernet NIC's driver (vmxnet3 takes any address, even the invalid ones
+# the player must refuse) and CUSE for the GPIO event device.
+MODULE_ROOTS = ["virtio_pci", "9pnet_virtio", "9p", "overlay", "nandsim", "vmxnet3", "cuse"]
 # The GPIO chip (sim/hw/gpio_chip), next to them but out of the load order:
 # the guest loads it per scenario.
 GPIO_MODULE = "vxgpio.ko"

@@ -94,6 +94,9 @@ class Run:
     args: list[str] = field(default_factory=list)
     env: dict[str, str] = field(default_factory=dict)
     timeout: int = 120
+    # Where the program's standard error goes: "file" (compared as stderr)
+    # or "kmsg", the kernel log, as the player's boot scripts connect it.
+    stderr: str = "file"
 
 
 @dataclass
@@ -113,6 +116,7 @@ class Expect:
     stderr: list[str] | None = None
     kmsg: list[str] | None = None
     files: dict[str, str | bool] = field(default_factory=dict)  # False: no such file
+    modes: dict[str, str] = field(default_factory=dict)  # permission bits in octal, "644"
     splash: str | None = None  # what the splash reader got
     input: ExpectInput | None = None
 
@@ -249,17 +253,18 @@ def parse_flash_list(doc):
 
 
 def parse_texts(t, absolute):
-    """[proc] and [files]: paths mapped to their contents."""
+    """[proc] and [files]: paths mapped to their contents; false leaves out
+    a file that the base scenario gives."""
     for path, content in t.data.items():
-        if not isinstance(content, str) or ".." in path.split("/"):
-            raise t.error(f"'{path}' must be a text and a plain path")
+        if not (isinstance(content, str) or content is False) or ".." in path.split("/"):
+            raise t.error(f"'{path}' must be a text (or false) and a plain path")
         if absolute and not path.startswith("/"):
             raise t.error("paths must be absolute")
-    return dict(t.data)
+    return {path: content for path, content in t.data.items() if content is not False}
 
 
 def parse_net(t):
-    net = Net(eth0=t.take("eth0", str))
+    net = Net(eth0=t.take("eth0", str) or None)  # "": no eth0
     if net.eth0 is not None and not re.fullmatch(r"([0-9a-fA-F]{2}:){5}[0-9a-fA-F]{2}", net.eth0):
         raise t.error("eth0 must be a MAC address like 02:00:00:00:00:01")
     t.done()
@@ -317,7 +322,10 @@ def parse_splash(t):
 
 def parse_run(t):
     run = Run(program=t.take("program", str, Run.program), args=t.texts("args", []),
-              env=t.take("env", dict, {}), timeout=t.take("timeout", int, Run.timeout))
+              env=t.take("env", dict, {}), timeout=t.take("timeout", int, Run.timeout),
+              stderr=t.take("stderr", str, Run.stderr))
+    if run.stderr not in ("file", "kmsg"):
+        raise t.error('stderr must be "file" or "kmsg"')
     if not all(re.fullmatch(r"[A-Za-z_][A-Za-z0-9_]*", k) and isinstance(v, str)
                for k, v in run.env.items()):
         raise t.error("env must map variable names to texts")
@@ -366,6 +374,11 @@ def parse_expect(t):
                     splash=t.take("splash", str), input=parse_expect_input(t.table("input")))
     if "etc_issue" in t:
         expect.files["/etc/issue"] = t.take("etc_issue", str)
+    modes = t.table("modes")
+    expect.modes = dict(modes.data)
+    for path, mode in expect.modes.items():
+        if not path.startswith("/") or not (isinstance(mode, str) and re.fullmatch(r"[0-7]{3}", mode)):
+            raise modes.error(f"'{path}' must be absolute and map to octal permission bits like \"644\"")
     for path, content in expect.files.items():
         if not path.startswith("/") or not (isinstance(content, str) or content is False):
             raise files.error(f"'{path}' must be absolute and map to a text or false")
@@ -413,12 +426,29 @@ def parse_scenario(name, data):
 
 # ------------------------------------------------------------------ files
 
+def merge_flash(base, over):
+    """[[flash]] of a scenario over its base's: a partition of the same name
+    takes the base's place, one marked absent = true leaves it out, and
+    new partitions follow the base's in their order."""
+    names = [f.get("name") for f in over]
+    out = [next((o for o in over if o.get("name") == b.get("name")), b) for b in base]
+    out += [o for o, n in zip(over, names) if n not in {b.get("name") for b in base}]
+    return [f for f in out if f.get("absent") is not True]
+
+
 def merge(base, over):
     """The tables of a scenario that names a base: tables merge key by key,
-    everything else (texts, numbers, lists) replaces the base's value."""
+    partitions by name (merge_flash), and everything else (texts, numbers,
+    lists) replaces the base's value. [expect] is a scenario's own: a
+    scenario that gives one replaces the base's whole."""
     out = dict(base)
     for k, v in over.items():
-        out[k] = merge(out[k], v) if isinstance(v, dict) and isinstance(out.get(k), dict) else v
+        if isinstance(v, dict) and isinstance(out.get(k), dict) and k != "expect":
+            out[k] = merge(out[k], v)
+        elif k == "flash" and isinstance(v, list) and isinstance(out.get(k), list):
+            out[k] = merge_flash(out[k], v)
+        else:
+            out[k] = v
     return out
 
 

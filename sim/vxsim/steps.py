@@ -161,13 +161,13 @@ def run_steps(s, setup):
         start, stop = companion(s, setup)
         starts += start
         stops[:0] = stop
-    words = [str(run.timeout)] + env + ["--", program] + run.args
+    words = [str(run.timeout)] + (["--kmsg"] if run.stderr == "kmsg" else []) + env + ["--", program] + run.args
     return starts + ["vx_run " + " ".join(q(a) for a in words)] + stops
 
 
 def collect_steps(s, setup):
     """The files [expect] looks at, copied out of the root after the run."""
-    collect = sorted(s.expect.files)
+    collect = sorted(set(s.expect.files) | set(s.expect.modes))
     return ["vx_collect " + " ".join(q(p) for p in collect)] if collect else []
 
 

@@ -172,6 +172,8 @@ def judge(scenario, result):
             diffs.append(f"{path}: expected {expected!r}, but there is no such file")
         else:
             compare(path, expected, actual)
+    for path, mode in exp.modes.items():
+        compare(f"{path} permission bits", mode, result.modes.get(path, "no such file"))
     if exp.splash is not None:
         if result.splash is None:
             diffs.append(f"splash: expected {exp.splash!r}, but the guest left nothing of the reader")

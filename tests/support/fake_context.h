@@ -52,6 +52,14 @@ public:
             throw corvid::ErrnoException(ENOENT, Path(GPIO_EVENT_DEVICE_PATH));
         return std::make_unique<FakeEventDevice>(m_gpio, m_clock, type);
     }
+    // Interfaces with an address; reading any other fails as a missing one does.
+    std::map<std::string, corvid::HardwareAddress> interfaces;
+    corvid::HardwareAddress GetInterfaceAddress(const std::string& name) override
+    {
+        if (interfaces.count(name) == 0)
+            throw corvid::ErrnoException(ENODEV);
+        return interfaces[name];
+    }
     FakeClock& GetClock() override { return m_clock; }
     FakeGpioBoard& GpioBoard() { return m_gpio; }
 

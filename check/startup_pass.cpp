@@ -1,0 +1,138 @@
+#include "check/startup_pass.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+#include <fmt/format.h>
+
+#include "check/driver.h"
+#include "check/hardware_failure.h"
+#include "hardware/blessings.h"
+#include "hardware/context.h"
+#include "hardware/firmware_versions.h"
+#include "hardware/hardware_config.h"
+#include "hardware/mmio.h"
+#include "hardware/vx_device_data.h"
+#include "platform/posix_helpers.h"
+#include "platform/trace.h"
+
+namespace {
+
+constexpr unsigned long HWREV_ABSENT = 65535;
+
+bool IsDirectory(const std::string& path)
+{
+    struct stat status;
+    return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+} // namespace
+
+void WarnAboutSsd()
+{
+    const std::string warning = HardwareConfig::GetInstance()->CheckSsd();
+    if (!warning.empty())
+        corvid::PrintPlain("<3>{}", warning);
+}
+
+std::string LabelRevision(const BootloaderEnvironment& environment)
+{
+    if (environment.Get("VX_FORMAT") != "1") {
+        corvid::PrintPlain("SRB IS NOT SET. RUN MANUFACTURING TEST.");
+        return "NO-SRB";
+    }
+    unsigned long revision = HWREV_ABSENT;
+    if (environment.variables.count("VX_HWREV"))
+        revision = std::min(std::strtoul(environment.Get("VX_HWREV").c_str(), nullptr, 0), HWREV_ABSENT);
+    if (revision <= 25) {
+        std::string label = "REV@";
+        label[3] = static_cast<char>(label[3] + revision);
+        return label;
+    }
+    return "REV" + std::to_string(revision);
+}
+
+void CheckEthernet(std::uint64_t hardware_bitfield)
+{
+    if (!(hardware_bitfield & HW_ETHERNET))
+        return;
+    Context& context = *Context::GetInstance();
+    if (!IsDirectory(context.Path(std::string("/sys/class/net/") + ETHERNET_INTERFACE)))
+        throw HardwareFailure("Ethernet device not found", ERROR_LED_ETHERNET);
+    const corvid::HardwareAddress mac = context.GetInterfaceAddress(ETHERNET_INTERFACE);
+    const bool all_zero = mac == corvid::HardwareAddress{};
+    if (all_zero || (mac[0] & 1))
+        throw HardwareFailure("Ethernet interface has invalid MAC address", ERROR_LED_ETHERNET);
+}
+
+std::string CollectBlessings(const BootloaderEnvironment& environment, const std::string& secure_id)
+{
+    const VeltrixDeviceDataStorageNand storage(Context::GetInstance()->OpenPartition(DEVICE_DATA_PARTITION));
+    std::string suffix;
+    blessings::EnumerateBlessings(storage, secure_id, environment.Get("VX_SERIAL"),
+                                  [&suffix](const std::string& name, const std::string&) {
+                                      suffix += (suffix.empty() ? " bl=" : ",") + name;
+                                  });
+    return suffix;
+}
+
+BootVersions GatherVersions()
+{
+    BootVersions versions;
+    versions.bootloader = GetBootloaderVersion();
+    versions.first_images = GetFirstImagesVersion();
+    versions.rescue_kernel = GetRescueKernelVersion();
+    versions.operating_system = GetOperatingSystemVersion();
+    versions.model = HardwareConfig::GetInstance()->GetModelName();
+    versions.serial = GetSerialNumber();
+    return versions;
+}
+
+std::uint64_t ReadHardwareFlags(const BootloaderEnvironment& environment)
+{
+    if (!environment.variables.count("VX_HWFLAGS"))
+        return ~std::uint64_t(0);
+    return std::strtoull(environment.Get("VX_HWFLAGS").c_str(), nullptr, 0);
+}
+
+void PrintAvsReport(std::map<std::string, std::string> avs)
+{
+    std::string line;
+    for (const char* key : {"Revision", "V0", "T0", "PV0", "MV0"})
+        line += std::string(key) + "=" + avs[key] + " ";
+    corvid::PrintPlain("<6>AVS {}", line);
+}
+
+std::string FormatBanner()
+{
+    const std::string model = HardwareConfig::GetInstance()->GetModelName();
+    const std::string serial = GetSerialNumber();
+    return fmt::format("Veltrix {} {} v{}\r\n\n", model, serial, GetOperatingSystemVersion());
+}
+
+void WriteIssueFile(const std::string& banner)
+{
+    corvid::WriteWholeFile(Context::GetInstance()->Path(ISSUE_FILE_PATH), banner, 0644);
+}
+
+void RunStartupPass(const BannerWriter& write_banner)
+{
+    CheckMemory();
+    WarnAboutSsd();
+    const BootloaderEnvironment environment = GetBootloaderEnvironment();
+    const std::string revision = LabelRevision(environment);
+    const HardwareConfig& config = *HardwareConfig::GetInstance();
+    CheckEthernet(config.GetHardwareBitfield());
+    const std::string blessings = CollectBlessings(environment, config.GetSecureId());
+    const BootVersions versions = GatherVersions();
+    const std::uint64_t flags = ReadHardwareFlags(environment);
+    corvid::PrintPlain("<6>VELTRIX boot={} firstimages={} rescue={} mission={} model={} {} serial={} hw={:x} "
+                       "sk={:d} sb={:d}{}\n",
+                       versions.bootloader, versions.first_images, versions.rescue_kernel,
+                       versions.operating_system, versions.model, revision, versions.serial, flags,
+                       config.GetSecureKeys(), config.GetSecureBoot(), blessings);
+    PrintAvsReport(ReadAvsStatus());
+    write_banner(FormatBanner());
+}

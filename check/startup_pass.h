@@ -1,0 +1,73 @@
+// The start-up pass: one function per step, in the order the pass runs
+// them. Each reads its live sources through the process's context, so the
+// check and "vxtool report" (a returned player's images in place of the
+// live partitions) run the very same steps; only where the banner goes
+// differs.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+
+#include "hardware/bootloader_environment.h"
+
+// Where the login banner is written.
+inline constexpr const char* ISSUE_FILE_PATH = "/etc/issue";
+// The interface the Ethernet check looks at.
+inline constexpr const char* ETHERNET_INTERFACE = "eth0";
+
+// The firmware versions and identity texts of the boot report, gathered in
+// this order.
+struct BootVersions {
+    std::string bootloader;
+    std::string first_images;
+    std::string rescue_kernel;
+    std::string operating_system;
+    std::string model;
+    std::string serial;
+};
+
+// Step 3: prints "<3>" and the hardware configuration's SSD warning, if it
+// has one (a plain print: its failure reaches the outermost handlers).
+void WarnAboutSsd();
+
+// Step 5: "REV@" raised by VX_HWREV (0 to 25), "REV<n>" from 26 on (clamped
+// to 65535; 65535 when absent), both only when VX_FORMAT is exactly "1";
+// otherwise "NO-SRB", after printing "SRB IS NOT SET. RUN MANUFACTURING
+// TEST." without a line end.
+std::string LabelRevision(const BootloaderEnvironment& environment);
+
+// Step 6, for models with an Ethernet port (HW_ETHERNET): eth0 must be a
+// directory under /sys/class/net and its address a unicast one that is not
+// all zeros; each failure is a HardwareFailure with pattern 7. An address
+// that cannot be read throws the reader's ErrnoException.
+void CheckEthernet(std::uint64_t hardware_bitfield);
+
+// Steps 7 and 8: the device-data partition's valid blessings for this unit,
+// as the summary's suffix: "" for none, " bl=a" for one, " bl=a,b" for two.
+// The serial number is VX_SERIAL as it stands.
+std::string CollectBlessings(const BootloaderEnvironment& environment, const std::string& secure_id);
+
+// Step 9: the versions, the model name and the serial number.
+BootVersions GatherVersions();
+
+// Step 10: VX_HWFLAGS read like strtoull in base 0; all ones when absent.
+std::uint64_t ReadHardwareFlags(const BootloaderEnvironment& environment);
+
+// Step 12: "<6>AVS " and "KEY=VALUE " for Revision, V0, T0, PV0 and MV0 (an
+// absent key an empty value), without a line end.
+void PrintAvsReport(std::map<std::string, std::string> avs);
+
+// Step 13's text: "Veltrix <model> <serial> v<os version>\r\n\n", read afresh.
+std::string FormatBanner();
+
+// Writes the banner as the whole of /etc/issue, mode 0644.
+void WriteIssueFile(const std::string& banner);
+
+using BannerWriter = std::function<void(const std::string& banner)>;
+
+// Steps 2 to 13 (the hardware configuration, step 1, is the caller's):
+// every check and the boot report, ending with the banner given to
+// write_banner. A failed step throws to the caller's outermost handlers.
+void RunStartupPass(const BannerWriter& write_banner);
