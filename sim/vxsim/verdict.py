@@ -214,6 +214,8 @@ def report(s, result, rundir, show, log):
             log(f"  --- event device: {device_summary(result.device_log)} ---")
         if result.splash is not None:
             log(f"  --- splash: {result.splash!r} ---")
+        for path, content in sorted(result.files.items()):
+            log(f"  --- {path} (mode {result.modes.get(path, '?')}): {content!r} ---")
         status = result.status if result.status is not None else "unknown"
         log(f"  --- exit status {status} ---")
     return not diffs
