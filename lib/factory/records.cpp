@@ -73,7 +73,7 @@ std::string MakeBlessingPayload(const std::string& tag, const std::string& names
     ForEachName(names, [&](const std::string&) { any_name = true; });
     if (!any_name)
         throw std::invalid_argument("A blessing record needs at least one name");
-    if (tag == BOON_TAG && names.find(DEVICE_BOUND_ONLY_FEATURE) != std::string::npos)
+    if (tag == BOON_TAG && MentionsDeviceBoundOnlyFeature(names))
         throw std::invalid_argument("A boon cannot name eac3: the player refuses it");
     for (const std::string* field : {&names, &parameter, &secure_id, &serial}) {
         if (field->size() > 0xFFFF)

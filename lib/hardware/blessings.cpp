@@ -42,6 +42,14 @@ std::string SignedMessage(const std::string& tag, const std::string& secure_id,
     return message;
 }
 
+bool MentionsDeviceBoundOnlyFeature(std::string_view text)
+{
+    std::string lower(text);
+    for (char& c : lower)
+        c = (c >= 'A' && c <= 'Z') ? char(c - 'A' + 'a') : c;
+    return lower.find(DEVICE_BOUND_ONLY_FEATURE) != std::string::npos;
+}
+
 std::pair<std::string, std::string> VerifyBlessing(const std::string& secure_id,
                                                    const std::string& serial,
                                                    const std::string& tag,
@@ -60,7 +68,7 @@ std::pair<std::string, std::string> VerifyBlessing(const std::string& secure_id,
             throw std::runtime_error("Bogus data after blessings signature");
     }
 
-    if (tag == BOON_TAG && names.find(DEVICE_BOUND_ONLY_FEATURE) != std::string::npos)
+    if (tag == BOON_TAG && MentionsDeviceBoundOnlyFeature(names))
         throw std::runtime_error("Unable to write unsupported boon");
 
     const std::string digest = ComputeDigest(GCRY_MD_SHA256, SignedMessage(tag, secure_id, serial, names, parameter));
@@ -84,7 +92,8 @@ void EnumerateBlessings(const VeltrixDeviceDataStorageNand& storage, const std::
             const auto verified = VerifyBlessing(secure_id, serial, tag, key_1, key_2, payload);
             const std::string& parameter = verified.second;
             ForEachName(verified.first, [&](const std::string& name) {
-                if (name == DEVICE_BOUND_ONLY_FEATURE && tag != BLESSING_TAG)
+                if (tag != BLESSING_TAG && name.size() == std::string_view(DEVICE_BOUND_ONLY_FEATURE).size() &&
+                    MentionsDeviceBoundOnlyFeature(name))
                     return;
                 handler(name, parameter);
             });

@@ -13,6 +13,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "hardware/gcrypt_handles.h"
@@ -25,6 +26,11 @@ inline constexpr const char* BOON_TAG = "BOON";
 
 // The feature that only a device-bound blessing may grant.
 inline constexpr const char* DEVICE_BOUND_ONLY_FEATURE = "eac3";
+
+// Whether text contains the device-bound-only feature's name in any ASCII
+// case: capabilities are granted by name ignoring case, so the guards that
+// keep the feature from boons ignore it too.
+bool MentionsDeviceBoundOnlyFeature(std::string_view text);
 
 using BlessingHandler = std::function<void(const std::string& name, const std::string& parameter)>;
 

@@ -58,10 +58,29 @@ GcrySexp BuildDigestData(int algorithm, std::string_view digest)
     return data;
 }
 
+namespace {
+
+// The key's RSA modulus n; empty when the key has none.
+GcryMpi Modulus(const GcrySexp& public_key)
+{
+    const GcrySexp n(public_key ? gcry_sexp_find_token(public_key.get(), "n", 1) : nullptr);
+    return GcryMpi(n ? gcry_sexp_nth_mpi(n.get(), 1, GCRYMPI_FMT_USG) : nullptr);
+}
+
+} // namespace
+
 bool VerifySignature(const GcrySexp& public_key, int algorithm, std::string_view digest,
                      std::string_view signature)
 {
     if (signature.size() < digest.size())
+        return false;
+
+    // An RSA signature is a number s < n of at most k bytes, k the modulus's
+    // length. libgcrypt checks neither: it accepts s + n for s, and aborts
+    // the process on a field of about 64 KiB. Both are refused here, before
+    // the library sees the signature.
+    const GcryMpi modulus = Modulus(public_key);
+    if (!modulus || signature.size() > (gcry_mpi_get_nbits(modulus.get()) + 7) / 8)
         return false;
 
     const GcrySexp data = BuildDigestData(algorithm, digest);
@@ -70,6 +89,8 @@ bool VerifySignature(const GcrySexp& public_key, int algorithm, std::string_view
     if (const gcry_error_t error = gcry_mpi_scan(value.out(), GCRYMPI_FMT_USG, signature.data(),
                                                  signature.size(), nullptr))
         ThrowGcryptError(error);
+    if (gcry_mpi_cmp(value.get(), modulus.get()) >= 0)
+        return false;
 
     GcrySexp signature_expression;
     if (const gcry_error_t error =

@@ -35,7 +35,10 @@ GcrySexp BuildDigestData(int algorithm, std::string_view digest);
 // Verifies an RSA PKCS#1 v1.5 signature (a big-endian integer) over a digest
 // that the caller computed with the digest algorithm algorithm (GCRY_MD_*).
 // Returns false for a signature shorter than the digest without calling the
-// library, and false for any signature that libgcrypt does not accept.
+// library; false for a signature longer than the key's modulus or whose
+// value is not below it (RSA's own rules, which libgcrypt does not check);
+// false for a key without an RSA modulus; and false for any signature that
+// libgcrypt does not accept.
 // Throws std::runtime_error with libgcrypt's error text when the data or
 // signature expression cannot be built.
 bool VerifySignature(const GcrySexp& public_key, int algorithm, std::string_view digest,

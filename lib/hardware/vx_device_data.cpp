@@ -120,10 +120,14 @@ std::string VeltrixDeviceDataStorageNand::ReadImage(const ChunkFilter& filter) c
     const std::size_t erase_size = m_nand->GetEraseSize();
     std::uint64_t position = m_start + DEVICE_DATA_HEADER_SIZE;
     for (;;) {
+        // The tag first: an erased one ends the list even in the last bytes
+        // of the partition, where no whole header fits.
         char header[DEVICE_DATA_CHUNK_HEADER_SIZE];
-        ReadAt(position, header, sizeof header);
+        ReadAt(position, header, DEVICE_DATA_TAG_SIZE);
         if (LoadLe32(header) == DEVICE_DATA_ERASED_WORD)
             return image;
+        ReadAt(position + DEVICE_DATA_TAG_SIZE, header + DEVICE_DATA_TAG_SIZE,
+               DEVICE_DATA_CHUNK_HEADER_SIZE - DEVICE_DATA_TAG_SIZE);
         const std::uint32_t length = LoadLe32(header + 4);
         if (length > erase_size)
             throw std::runtime_error("Veltrix device data section too large");

@@ -157,6 +157,11 @@ TEST(DeviceData, ReadImage)
     EXPECT_EQ(Read(nand), "Veltrix device data section too large");
     nand->Poke(0, HEADER + EncodeDeviceDataChunk("FULL", std::string(E - 20, 'f')));
     EXPECT_EQ(Read(nand).size(), 8 + 8 + E);
+    // The end tag in the partition's last 4 bytes, where no whole header fits.
+    const auto one_block = std::make_shared<FakeNand>(E, E);
+    const std::string last = HEADER + EncodeDeviceDataChunk("LAST", std::string(E - 40, 'l'));
+    one_block->Poke(0, last);
+    EXPECT_EQ(Read(one_block), last);
     nand->bad_blocks = {0, 1, 2};
     nand->reject_out_of_range = true;
     EXPECT_EQ(Read(nand), "Veltrix device data partition is entirely bad");
