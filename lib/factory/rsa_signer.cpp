@@ -1,6 +1,8 @@
 #include "factory/rsa_signer.h"
 
 #include <cstdint>
+
+#include <fmt/format.h>
 #include <stdexcept>
 #include <vector>
 
@@ -162,6 +164,33 @@ GcrySexp LoadPrivateKeyFile(const std::string& path)
     } catch (const std::exception& e) {
         throw std::runtime_error(path + ": " + e.what());
     }
+}
+
+namespace {
+
+GcryMpi KeyModulus(const GcrySexp& key)
+{
+    const GcrySexp n(gcry_sexp_find_token(key.get(), "n", 1));
+    return GcryMpi(n ? gcry_sexp_nth_mpi(n.get(), 1, GCRYMPI_FMT_USG) : nullptr);
+}
+
+} // namespace
+
+void RequireAcceptedKey(const GcrySexp& private_key, std::initializer_list<StoredKey> accepted,
+                        const std::string& role)
+{
+    const unsigned int bits = gcry_pk_get_nbits(private_key.get());
+    if (bits != 2048)
+        throw std::invalid_argument(
+            fmt::format("the key has {} bits: the player's {} keys are 2048-bit RSA keys", bits, role));
+    const GcryMpi modulus = KeyModulus(private_key);
+    for (const StoredKey stored : accepted) {
+        const GcryMpi stored_modulus = KeyModulus(LoadPublicKey(stored));
+        if (modulus && stored_modulus && gcry_mpi_cmp(modulus.get(), stored_modulus.get()) == 0)
+            return;
+    }
+    throw std::invalid_argument(
+        fmt::format("the key is not one of the player's {} keys: the player would refuse its signatures", role));
 }
 
 std::string SignDigest(const GcrySexp& private_key, int algorithm, std::string_view digest)

@@ -119,25 +119,29 @@ std::string VeltrixDeviceDataStorageNand::ReadImage(const ChunkFilter& filter) c
 
     const std::size_t erase_size = m_nand->GetEraseSize();
     std::uint64_t position = m_start + DEVICE_DATA_HEADER_SIZE;
-    for (;;) {
-        // The tag first: an erased one ends the list even in the last bytes
-        // of the partition, where no whole header fits.
-        char header[DEVICE_DATA_CHUNK_HEADER_SIZE];
-        ReadAt(position, header, DEVICE_DATA_TAG_SIZE);
-        if (LoadLe32(header) == DEVICE_DATA_ERASED_WORD)
-            return image;
-        ReadAt(position + DEVICE_DATA_TAG_SIZE, header + DEVICE_DATA_TAG_SIZE,
-               DEVICE_DATA_CHUNK_HEADER_SIZE - DEVICE_DATA_TAG_SIZE);
-        const std::uint32_t length = LoadLe32(header + 4);
-        if (length > erase_size)
-            throw std::runtime_error("Veltrix device data section too large");
-        if (!filter || filter(std::string(header, DEVICE_DATA_TAG_SIZE))) {
-            const std::size_t at = image.size();
-            image.append(header, sizeof header);
-            image.resize(at + sizeof header + length);
-            ReadAt(position + sizeof header, image.data() + at + sizeof header, length);
+    try {
+        for (;;) {
+            // The tag first: an erased one ends the list even in the last
+            // bytes of the partition, where no whole header fits.
+            char header[DEVICE_DATA_CHUNK_HEADER_SIZE];
+            ReadAt(position, header, DEVICE_DATA_TAG_SIZE);
+            if (LoadLe32(header) == DEVICE_DATA_ERASED_WORD)
+                return image;
+            ReadAt(position + DEVICE_DATA_TAG_SIZE, header + DEVICE_DATA_TAG_SIZE,
+                   DEVICE_DATA_CHUNK_HEADER_SIZE - DEVICE_DATA_TAG_SIZE);
+            const std::uint32_t length = LoadLe32(header + 4);
+            if (length > erase_size)
+                throw std::runtime_error("Veltrix device data section too large");
+            if (!filter || filter(std::string(header, DEVICE_DATA_TAG_SIZE))) {
+                std::string chunk(header, sizeof header);
+                chunk.resize(sizeof header + length);
+                ReadAt(position + sizeof header, chunk.data() + sizeof header, length);
+                image += chunk;
+            }
+            position += DEVICE_DATA_CHUNK_HEADER_SIZE + length;
         }
-        position += DEVICE_DATA_CHUNK_HEADER_SIZE + length;
+    } catch (const std::runtime_error& e) {
+        throw DeviceDataReadError(e.what(), std::move(image));
     }
 }
 

@@ -11,8 +11,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "platform/nand_access.h"
 
@@ -29,6 +31,21 @@ inline constexpr std::size_t DEVICE_DATA_DIGEST_SIZE = 20;            // SHA-1 o
 // The largest chunk length (everything after the chunk header) the parser accepts.
 inline constexpr std::uint32_t DEVICE_DATA_MAX_CHUNK_LENGTH = 0x20000;
 
+// A failure of ReadImage's walk over the chunks ("Veltrix device data
+// section too large", "Veltrix device data incomplete", a read error), with
+// the image read before it: the header and the chunks before the failure.
+class DeviceDataReadError : public std::runtime_error {
+public:
+    DeviceDataReadError(const std::string& what, std::string image)
+        : std::runtime_error(what), m_image(std::move(image))
+    {
+    }
+    const std::string& GetImageSoFar() const noexcept { return m_image; }
+
+private:
+    std::string m_image;
+};
+
 // Reads the device-data partition through a one-page cache. Only NAND with
 // 2048-byte pages is supported.
 class VeltrixDeviceDataStorageNand {
@@ -41,6 +58,8 @@ public:
     // Reads the partition image: the 8 header bytes and every chunk whose tag
     // the filter accepts (an empty filter accepts every tag). An erased
     // partition gives an empty image.
+    // A failure after the header throws DeviceDataReadError with the failure's
+    // text.
     std::string ReadImage(const ChunkFilter& filter = ChunkFilter()) const;
 
 private:

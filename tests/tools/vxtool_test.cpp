@@ -60,6 +60,10 @@ TEST(VxtoolEnv, PrintsTheEnvironmentOfTheFirstGoodBlockAndRefusesBadUsage)
                              good + Args{"--write-size", "3000"}, good + Args{"--mtd", "x"},
                              good + Args{"extra"}, Args{"mkenv", e, "4096"}, Args{"mkenv", "-o", out}})
         EXPECT_EQ(vxtest::Vxtool(args).exit_status, 2) << args.back();
+    // The live table is named when it cannot be read (a machine without MTD).
+    if (access("/proc/mtd", F_OK) != 0) {
+        EXPECT_EQ(Vxtool({"env"}), "1:error: /proc/mtd: No such file or directory (errno 2)\n");
+    }
 }
 
 TEST(VxtoolDevdata, BuildsAndListsImages)
@@ -74,8 +78,17 @@ TEST(VxtoolDevdata, BuildsAndListsImages)
     const std::string data = "VXDD" + Le32(0x01020304) + Sha1sumChunk("RAW_", "abc") + chunks;
     EXPECT_EQ(vxtest::ReadFile(image),
               std::string(16384, '\0') + data + std::string(16384 - data.size(), '\xFF'));
-    EXPECT_EQ(Vxtool({"devdata", "--image", image, "--erase-size", "16384", "--bad-blocks", "0"}),
-              "0:RAW_\t3\tok\nBLES\t300\tok\nBOON\t1\tok\n");
+    const Args listing = {"devdata", "--image", image, "--erase-size", "16384", "--bad-blocks", "0"};
+    EXPECT_EQ(Vxtool(listing), "0:RAW_\t3\tok\nBLES\t300\tok\nBOON\t1\tok\n");
+    EXPECT_THAT(Vxtool(listing + Args{"--write-size", "4096"}),
+                UsageError("devdata", "--write-size 4096: the device-data partition has pages of 2048 bytes"));
+    // A chunk longer than an erase block ends the partition's walk: the
+    // chunks before it are listed, then the error.
+    std::string oversized = vxtest::ReadFile(image);
+    oversized.replace(16384 + 8 + 8 + 3 + 20 + 8 + 300 + 20 + 4, 4, Le32(16385));
+    EXPECT_EQ(Vxtool({"devdata", "--image", dir.WriteFile("oversized", oversized), "--erase-size", "16384",
+                      "--bad-blocks", "0"}),
+              "1:RAW_\t3\tok\nBLES\t300\tok\nerror: Veltrix device data section too large\n");
 
     // Two 2028-byte chunks need two blocks from block 1 on; block 2 is bad.
     const std::string chunk = "ONE_:" + dir.WriteFile("payload", std::string(2000, 'p'));
@@ -110,8 +123,8 @@ TEST(VxtoolIdentity, SignedRecordsAndTheOptionsThatNameTheDevice)
     vxtest::TempDir dir;
     // sign-srb drops the old signature variables; its output makes an environment image.
     const std::string lines = Vxtool({"sign-srb", "--key", TestPrivateKey("srb-2"), "--secure-id", ID},
-                                     "VX_SERIAL=VX0000042\r\n\nVX_SIGNATURE=Xold\nVX_SIGNATURE_0=Xold\n");
-    EXPECT_THAT(lines, testing::StartsWith("0:VX_SERIAL=VX0000042\nVX_SIGNATURE_0=A"));
+                                     "VX_SERIAL=VX0000042\r\n\nVX_SIGNATURE=Xold\nVX_SIGNATURE_0=Xold\nVX_FORMAT=1\n");
+    EXPECT_THAT(lines, testing::StartsWith("0:VX_SERIAL=VX0000042\nVX_FORMAT=1\nVX_SIGNATURE_0=A"));
     const std::string env = dir.Path() + "/env.img";
     EXPECT_EQ(Vxtool({"mkenv", "--erase-size", "16384", "-o", env}, lines.substr(2)), "0:");
 
@@ -119,7 +132,16 @@ TEST(VxtoolIdentity, SignedRecordsAndTheOptionsThatNameTheDevice)
     const std::string boardid = dir.WriteFile("boardid", "Secure-ID: " + ID + "\n");
     EXPECT_EQ(Vxtool(srb + Args{"--secure-id", ID}), "0:valid\n");
     EXPECT_EQ(Vxtool(srb + Args{"--boardid", boardid}), "0:valid\n");
-    EXPECT_EQ(Vxtool(srb + Args{"--boardid", dir.Path() + "/absent"}), "1:invalid: No secure ID\n");
+    EXPECT_EQ(Vxtool(srb + Args{"--boardid", dir.Path() + "/absent"}),
+              "1:error: " + dir.Path() + "/absent: No such file or directory (errno 2)\n");
+    EXPECT_EQ(Vxtool(srb + Args{"--boardid", dir.WriteFile("no-id", "ID: 0x1\n")}), "1:invalid: No secure ID\n");
+    // A record the player ignores: signed, but VX_FORMAT is not "1".
+    const std::string unformatted = dir.Path() + "/unformatted.img";
+    const std::string signed_lines = Vxtool({"sign-srb", "--key", TestPrivateKey("srb-1"), "--secure-id", ID},
+                                            "VX_SERIAL=VX0000042\nVX_FORMAT=01\n");
+    EXPECT_EQ(Vxtool({"mkenv", "--erase-size", "16384", "-o", unformatted}, signed_lines.substr(2)), "0:");
+    EXPECT_EQ(Vxtool({"srb", "--image", unformatted, "--erase-size", "16384", "--secure-id", ID}),
+              "1:valid signature, but VX_FORMAT is not \"1\": the player treats this unit as having no SRB\n");
     EXPECT_THAT(Vxtool(srb + Args{"--boardid", boardid, "--secure-id", ID}),
                 UsageError("srb", "--secure-id and --boardid exclude each other"));
 
@@ -132,7 +154,10 @@ TEST(VxtoolIdentity, SignedRecordsAndTheOptionsThatNameTheDevice)
     const Args list = {"blessings", "--image", data, "--erase-size", "16384", "--secure-id", ID};
     EXPECT_EQ(Vxtool(list + Args{"--env-image", env, "--env-erase-size", "16384"}), "0:eac3\tp\nhdr\tp\n");
     EXPECT_EQ(Vxtool(list + Args{"--serial", "VX0000043"}),
-              "0:Exception while checking blessings: Blessing not correctly signed\n");
+              "1:Exception while checking blessings: Blessing not correctly signed\n"
+              "error: none of the 1 blessing records grants anything to this unit\n");
+    EXPECT_THAT(Vxtool(list + Args{"--env-image", env}),
+                UsageError("blessings", "--env-image needs --env-erase-size"));
     EXPECT_THAT(Vxtool(list), UsageError("blessings", "with --image, give --serial or an --env-image"));
 
     // The factory commands refuse what the player would not accept.
@@ -147,6 +172,14 @@ TEST(VxtoolIdentity, SignedRecordsAndTheOptionsThatNameTheDevice)
                                     "and --serial"));
     EXPECT_EQ(Vxtool({"sign-srb", "--secure-id", ID, "--key", TestPrivateKey("srb-1")}, "A=1\nx\n"),
               "1:error: line 2: no '=' in 'x'\n");
+    // Keys of the other role, and Secure IDs the player cannot read back.
+    EXPECT_EQ(Vxtool({"sign-srb", "--secure-id", ID, "--key", TestPrivateKey("blessing-1")}, "A=1\n"),
+              "1:error: the key is not one of the player's SRB keys: the player would refuse its signatures\n");
+    EXPECT_EQ(Vxtool({"bless", "--names", "x", "--boon", "-o", chunk, "--key", TestPrivateKey("srb-2")}),
+              "1:error: the key is not one of the player's blessing keys: the player would refuse its signatures\n");
+    for (const std::string& id : {std::string("a1b2 c3d4"), std::string(65, 'a')})
+        EXPECT_THAT(Vxtool({"sign-srb", "--secure-id", id, "--key", TestPrivateKey("srb-1")}, "A=1\n"),
+                    UsageError("sign-srb", "--secure-id '" + id + "': the player reads 1 to 64 characters without blanks"));
 }
 
 } // namespace

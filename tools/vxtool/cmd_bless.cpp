@@ -5,6 +5,7 @@
 #include "factory/records.h"
 #include "factory/rsa_signer.h"
 #include "hardware/blessings.h"
+#include "identity_options.h"
 #include "platform/posix_helpers.h"
 
 namespace vxtool {
@@ -37,7 +38,11 @@ int Run(const Arguments& arguments)
     if (!boon && (!have_secure_id || secure_id.empty() || !have_serial))
         throw UsageError("a blessing needs --secure-id and --serial (or --boon)");
 
+    if (!boon)
+        RequireReadableSecureId(secure_id);
+
     const GcrySexp key = LoadPrivateKeyFile(key_path);
+    RequireAcceptedKey(key, {BlessingPublicKey1(), BlessingPublicKey2()}, "blessing");
     const std::string tag = boon ? blessings::BOON_TAG : blessings::BLESSING_TAG;
     const std::string payload =
         MakeBlessingPayload(tag, names, parameter, secure_id, serial, key);

@@ -30,7 +30,8 @@ std::string PrintableTag(const std::string& tag)
 // listed as "TAG<tab>-<tab>too-small". The chunks are walked and checked by
 // the player's own code, so its messages appear on standard error next to
 // the chunk they concern, and a structural error ends the listing (after the
-// chunks before it) the way it ends the player's walk.
+// chunks before it, in the partition or in the image read) the way it ends
+// the player's walk, with exit status 1.
 int Run(const Arguments& arguments)
 {
     Arguments args = arguments;
@@ -38,7 +39,14 @@ int Run(const Arguments& arguments)
     ExpectNoMoreArguments(args);
 
     VeltrixDeviceDataStorageNand storage(nand);
-    const std::string image = storage.ReadImage();
+    std::string image, failure;
+    try {
+        image = storage.ReadImage();
+    } catch (const DeviceDataReadError& e) {
+        // The chunks before the failure are listed, then the failure.
+        image = e.GetImageSoFar();
+        failure = e.what();
+    }
     if (image.empty())
         return 0; // erased partition: no chunks
     // The header is checked by the player's parser, on the image without chunks.
@@ -56,6 +64,10 @@ int Run(const Arguments& arguments)
             fmt::print("{}\t{}\t{}\n", PrintableTag(chunk.Tag()), chunk.Payload().size(), status);
         std::fflush(stdout);
     });
+    if (!failure.empty()) {
+        fmt::print(stderr, "error: {}\n", failure);
+        return 1;
+    }
     return 0;
 }
 

@@ -104,7 +104,7 @@ int Run(const Arguments& arguments)
     }
     std::set<std::size_t> bad_blocks;
     if (TakeOption(args, "--bad-blocks", bad_blocks_text))
-        bad_blocks = ParseBlockList(bad_blocks_text);
+        bad_blocks = ParseBlockList("--bad-blocks", bad_blocks_text);
 
     // The chunks, in command-line order.
     std::vector<std::string> chunks;

@@ -11,6 +11,7 @@
 #include "factory/records.h"
 #include "factory/rsa_signer.h"
 #include "hardware/srb.h"
+#include "identity_options.h"
 #include "platform/posix_helpers.h"
 
 namespace vxtool {
@@ -48,7 +49,10 @@ int Run(const Arguments& arguments)
         throw UsageError("--secure-id ID is required");
     ExpectNoMoreArguments(args);
 
+    RequireReadableSecureId(secure_id);
+
     const GcrySexp key = LoadPrivateKeyFile(key_path);
+    RequireAcceptedKey(key, {SrbPublicKey1(), SrbPublicKey2()}, "SRB");
 
     std::vector<std::string> lines;
     std::map<std::string, std::string> environment;

@@ -12,8 +12,10 @@
 namespace vxtool {
 namespace {
 
-// Prints "valid" and exits 0, or "invalid: <reason>" and exits 1. A failure
-// to read the environment itself is an error (exit 1, "error: ...").
+// Prints "valid" and exits 0, or "invalid: <reason>" and exits 1; a valid
+// record that the player ignores (VX_FORMAT not "1") is said to be so, exit
+// 1. A failure to read the environment itself is an error (exit 1,
+// "error: ...").
 int Run(const Arguments& arguments)
 {
     Arguments args = arguments;
@@ -27,6 +29,11 @@ int Run(const Arguments& arguments)
         VerifySrb(environment.variables, secure_id);
     } catch (const std::runtime_error& e) {
         fmt::print("invalid: {}\n", e.what());
+        return 1;
+    }
+    // The player reads the record only when VX_FORMAT is exactly "1".
+    if (environment.Get("VX_FORMAT") != "1") {
+        fmt::print("valid signature, but VX_FORMAT is not \"1\": the player treats this unit as having no SRB\n");
         return 1;
     }
     fmt::print("valid\n");

@@ -1,5 +1,7 @@
 #include "identity_options.h"
 
+#include <fmt/format.h>
+
 #include "hardware/board_id.h"
 #include "hardware/context.h"
 #include "platform/posix_helpers.h"
@@ -17,36 +19,31 @@ std::string TakeSecureId(Arguments& args)
         throw UsageError("--secure-id and --boardid exclude each other");
     if (have_secure_id)
         return secure_id;
+    // A file named on the command line must be there; the live one may be
+    // missing (a development machine).
+    if (have_boardid)
+        return ReadBoardId(boardid).secure_id;
     try {
-        return ReadBoardId(have_boardid ? boardid : Context::GetInstance()->Path(BOARD_ID_PATH))
-            .secure_id;
+        return ReadBoardId(Context::GetInstance()->Path(BOARD_ID_PATH)).secure_id;
     } catch (const corvid::ErrnoException&) {
         return std::string();
     }
 }
 
-bool TakePrefixedSourceArguments(Arguments& args, const std::string& prefix, Arguments& taken)
+void RequireReadableSecureId(const std::string& secure_id)
 {
-    bool any = false;
-    for (const char* option : {"--mtd", "--image", "--erase-size", "--write-size", "--bad-blocks"}) {
-        std::string value;
-        if (TakeOption(args, "--" + prefix + "-" + (option + 2), value)) {
-            taken.push_back(option);
-            taken.push_back(value);
-            any = true;
-        }
-    }
-    return any;
+    // The player reads the value as one word of at most 64 characters.
+    if (secure_id.empty() || secure_id.size() > 64 ||
+        secure_id.find_first_of(" \t\n\v\f\r") != std::string::npos)
+        throw UsageError(fmt::format("--secure-id '{}': the player reads 1 to 64 characters without blanks",
+                                     secure_id));
 }
 
 void TakePrefixedPartition(Arguments& args, const std::string& prefix, const std::string& name)
 {
-    Arguments taken;
-    if (!TakePrefixedSourceArguments(args, prefix, taken))
-        return;
-    const SourceOptions source = TakeSourceOptions(taken, name);
-    ExpectNoMoreArguments(taken);
-    ToolContext::Get().UsePartition(name, OpenSource(source));
+    const SourceOptions source = TakeSourceOptions(args, name, prefix + "-");
+    if (source.given)
+        ToolContext::Get().UsePartition(name, OpenSource(source));
 }
 
 } // namespace vxtool

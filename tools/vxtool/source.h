@@ -32,12 +32,16 @@ struct SourceOptions {
     std::size_t erase_size = 0;
     std::size_t write_size = 2048;
     std::set<std::size_t> bad_blocks;
+    bool given = false; // any source option was on the command line
 };
-SourceOptions TakeSourceOptions(Arguments& args, const std::string& default_mtd);
+// With a prefix ("env-"), the options are --env-mtd, --env-image, ... and
+// every message names them so. An image of the device-data partition must
+// have the player's 2048-byte pages.
+SourceOptions TakeSourceOptions(Arguments& args, const std::string& default_mtd, const std::string& prefix = "");
 
-// Parses the erase-block indexes of --bad-blocks ("N,N,..."); throws
-// UsageError for anything that is not a number.
-std::set<std::size_t> ParseBlockList(const std::string& text);
+// Parses the erase-block indexes of an option like --bad-blocks ("N,N,...");
+// throws UsageError naming the option for anything that is not a number.
+std::set<std::size_t> ParseBlockList(const std::string& option, const std::string& text);
 NandAccess::Pointer OpenSource(const SourceOptions& options);
 
 } // namespace vxtool

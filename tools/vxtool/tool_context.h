@@ -9,6 +9,7 @@
 #include <string>
 
 #include "hardware/context.h"
+#include "hardware/nand_access_linux.h"
 
 namespace vxtool {
 
@@ -48,15 +49,31 @@ public:
     NandAccess::Pointer OpenPartition(const std::string& name) override
     {
         const auto image = m_partitions.find(name);
-        return image != m_partitions.end() ? image->second : LiveContext::OpenPartition(name);
+        return image != m_partitions.end() ? image->second : NamingMtdTable([&] { return LiveContext::OpenPartition(name); });
     }
     NandAccess::Pointer OpenWholeDevice(const std::string& name) override
     {
         const auto image = m_partitions.find(name);
-        return image != m_partitions.end() ? image->second : LiveContext::OpenWholeDevice(name);
+        return image != m_partitions.end() ? image->second
+                                           : NamingMtdTable([&] { return LiveContext::OpenWholeDevice(name); });
     }
 
 private:
+    // The player reports an unreadable /proc/mtd without its path (the only
+    // errno failure of the lookup without one); an engineer is told which
+    // file it was.
+    template <typename Open>
+    NandAccess::Pointer NamingMtdTable(Open open)
+    {
+        try {
+            return open();
+        } catch (const corvid::ErrnoException& e) {
+            if (!e.GetContext().empty())
+                throw;
+            throw corvid::ErrnoException(e.GetErrno(), Path(MTD_TABLE_PATH));
+        }
+    }
+
     std::map<std::string, std::string> m_files;
     std::map<std::string, std::string> m_trees;
     std::map<std::string, corvid::HardwareAddress> m_addresses;
