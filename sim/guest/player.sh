@@ -59,19 +59,22 @@ vx_mount() {
     mount "$@" || { echo "mount $* failed"; return 1; }
 }
 
-# vx_flash PARTS BADBLOCKS: a fresh simulated chip (2048-byte pages, 128 KiB
+# vx_flash PARTS BADBLOCKS [PARAM...]: a fresh simulated chip (2048-byte pages, 128 KiB
 # erase blocks, 64 bytes of OOB) cut into partitions of PARTS erase blocks
 # (comma-separated), with the factory bad blocks BADBLOCKS (chip-wide
-# indexes, comma-separated, may be empty). With no PARTS the player has no
+# indexes, comma-separated, may be empty), and nandsim's fault parameters
+# after them (gravepages=..., bitflips=...). With no PARTS the player has no
 # flash at all.
 vx_flash() {
     if grep -q '^nandsim ' /proc/modules; then
         rmmod nandsim || { echo "cannot unload nandsim"; return 1; }
     fi
     [ -n "$1" ] || return 0
+    parts=$1 bad=$2
+    shift 2
     # shellcheck disable=SC2086
-    insmod /modules/nandsim.ko $NANDSIM_IDS "parts=$1" ${2:+"badblocks=$2"} \
-        || { echo "cannot load nandsim parts=$1 badblocks=$2"; return 1; }
+    insmod /modules/nandsim.ko $NANDSIM_IDS "parts=$parts" ${bad:+"badblocks=$bad"} "$@" \
+        || { echo "cannot load nandsim parts=$parts badblocks=$bad $*"; return 1; }
 }
 
 # vx_erase INDEX: erases partition INDEX the way the factory does, leaving
@@ -84,6 +87,29 @@ vx_erase() {
 # from the start of partition INDEX over its good blocks.
 vx_write() {
     chroot "$ROOT" /usr/sbin/nandwrite -q -p "/dev/mtd$1" "/run/vxsim/scenario/$2"
+}
+
+# vx_flip INDEX PAGE BYTE: a bit flip in page PAGE of partition INDEX: the
+# lowest set bit of the first non-zero byte from BYTE is cleared by a raw
+# write of the page with its out-of-band bytes as they are (NAND programming
+# only clears bits), which leaves the ECC the page was written with, so the
+# chip's ECC corrects the bit on reading.
+vx_flip() {
+    offset=$(($2 * 2048))
+    chroot "$ROOT" /usr/sbin/nanddump -q -n -o -s "$offset" -l 2048 -f /run/vx_flip.page "/dev/mtd$1" \
+        || return 1
+    page=$ROOT/run/vx_flip.page
+    at=$3
+    while [ "$at" -lt 2048 ]; do
+        value=$(od -An -tu1 -j "$at" -N1 "$page" | tr -d ' ')
+        [ "$value" -ne 0 ] && break
+        at=$((at + 1))
+    done
+    [ "$at" -lt 2048 ] || { echo "vx_flip: page $2 has no set bit from byte $3"; return 1; }
+    value=$((value & (value - 1)))
+    printf "$(printf '\\%03o' "$value")" | dd of="$page" bs=1 seek="$at" conv=notrunc 2>/dev/null
+    chroot "$ROOT" /usr/sbin/nandwrite -q -n -o -s "$offset" "/dev/mtd$1" /run/vx_flip.page || return 1
+    rm -f "$page"
 }
 
 # vx_proc NAME...: fills the tmpfs /proc. The kernel's mtd table is copied

@@ -75,9 +75,11 @@ class ScenarioTest(unittest.TestCase):
 
     def test_partitions_merge_by_name(self):
         part = lambda name, blocks, **more: dict(name=name, blocks=blocks, **more)
-        merged = merge({"flash": [part("a", 1), part("b", 2), part("c", 3)]},
-                       {"flash": [part("d", 4), part("b", 5), part("a", 1, absent=True)]})
-        self.assertEqual(merged["flash"], [part("b", 5), part("c", 3), part("d", 4)])
+        merged = merge({"flash": [part("a", 1), part("b", 2, script="s", bad=[1]), part("c", 3, env=["A=1"])]},
+                       {"flash": [part("d", 4), part("b", 5, env=["B=1"]), part("a", 1, absent=True),
+                                  {"name": "c", "bitflips": 1}]})
+        self.assertEqual(merged["flash"], [part("b", 5, env=["B=1"], bad=[1]), part("c", 3, env=["A=1"], bitflips=1),
+                                           part("d", 4)])
 
 
 class BatchTest(unittest.TestCase):

@@ -50,6 +50,15 @@ class Flash:
     blocks: int
     bad: list[int]
     image: Image | None = None  # None: erased
+    # Pages (2048 bytes, counted from the partition's first block, bad ones
+    # included) that fail to read: "PAGE" from the first read on, "PAGE:N"
+    # after N good reads. The chip then returns data its ECC cannot correct.
+    read_errors: list[str] = field(default_factory=list)
+    # Bits that flip after the partition is written, each "PAGE:BYTE": the
+    # lowest set bit of the first non-zero byte from BYTE of PAGE is cleared
+    # in a raw write that leaves the page's ECC as it was, which is a bit flip
+    # the chip's ECC corrects (one per 256 bytes).
+    bit_flips: list[str] = field(default_factory=list)
 
 
 @dataclass
@@ -237,6 +246,17 @@ def parse_flash(t):
     if not all(type(b) is int and 0 <= b < blocks for b in bad):
         raise t.error(f"bad blocks must be indexes below {blocks}")
     flash = Flash(name, blocks, sorted(set(bad)), parse_image(t))
+    pages = blocks * ERASE_SIZE // PAGE_SIZE
+    for e in t.take("read_errors", list, []):
+        m = re.fullmatch(r"(\d+)(?::(\d+))?", str(e))
+        if not m or int(m.group(1)) >= pages:
+            raise t.error(f"read_errors are pages below {pages}, each \"PAGE\" or \"PAGE:READS\", not {e!r}")
+        flash.read_errors.append(f"{m.group(1)}:{m.group(2) or 0}")
+    for e in t.take("bit_flips", list, []):
+        m = re.fullmatch(r"(\d+):(\d+)", str(e))
+        if not m or int(m.group(1)) >= pages or int(m.group(2)) >= PAGE_SIZE:
+            raise t.error(f"bit_flips are \"PAGE:BYTE\", pages below {pages}, bytes below {PAGE_SIZE}, not {e!r}")
+        flash.bit_flips.append(e)
     t.done()
     return flash
 
@@ -426,13 +446,25 @@ def parse_scenario(name, data):
 
 # ------------------------------------------------------------------ files
 
+IMAGE_KEYS = ("env", "vxtool", "stdin", "script")
+
+
+def merge_partition(base, over):
+    """One partition over the base's of the same name, key by key; an image
+    given (env, vxtool or script) replaces the base's image whole."""
+    if any(k in over for k in IMAGE_KEYS):
+        base = {k: v for k, v in base.items() if k not in IMAGE_KEYS}
+    return dict(base, **over)
+
+
 def merge_flash(base, over):
     """[[flash]] of a scenario over its base's: a partition of the same name
-    takes the base's place, one marked absent = true leaves it out, and
-    new partitions follow the base's in their order."""
-    names = [f.get("name") for f in over]
-    out = [next((o for o in over if o.get("name") == b.get("name")), b) for b in base]
-    out += [o for o, n in zip(over, names) if n not in {b.get("name") for b in base}]
+    merges over the base's in its place (merge_partition), one marked
+    absent = true leaves it out, and new partitions follow the base's in
+    their order."""
+    by_name = {o.get("name"): o for o in over}
+    out = [merge_partition(b, by_name[b.get("name")]) if b.get("name") in by_name else b for b in base]
+    out += [o for o in over if o.get("name") not in {b.get("name") for b in base}]
     return [f for f in out if f.get("absent") is not True]
 
 

@@ -79,10 +79,22 @@ def root_steps(s, setup):
     return [f"vx_begin {q(s.name)}"]
 
 
+def chip_faults(flash):
+    """nandsim's gravepages= for the partitions' read errors."""
+    grave, start = [], 0
+    for f in flash:
+        first_page = start * ERASE_SIZE // PAGE_SIZE
+        for e in f.read_errors:
+            page, reads = e.split(":")
+            grave.append(f"{first_page + int(page)}:{reads}")
+        start += f.blocks
+    return [f"gravepages={','.join(grave)}"] if grave else []
+
+
 def chip_steps(s, setup):
-    """A fresh chip cut into the [[flash]] partitions."""
+    """A fresh chip cut into the [[flash]] partitions, with their faults."""
     parts, bad = flash_layout(s.flash)
-    return [f"vx_flash {q(parts)} {q(bad)}"]
+    return [" ".join(["vx_flash", q(parts), q(bad)] + [q(p) for p in chip_faults(s.flash)])]
 
 
 def proc_steps(s, setup):
@@ -100,6 +112,7 @@ def flash_steps(s, setup):
             image = f"in/{f.name}.img"
             make_image(s.name, f, os.path.join(setup.sdir, image), setup)
             steps.append(f"vx_write {i} {q(image)}")
+        steps += [f"vx_flip {i} {flip.replace(':', ' ')}" for flip in f.bit_flips]
     return steps
 
 
