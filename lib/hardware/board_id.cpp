@@ -35,5 +35,10 @@ BoardIdentity ReadBoardId(const std::string& path)
         else if (std::strcmp(key, "SoC:") == 0)
             identity.soc = value;
     }
+    // A read error ends the scan like the end of the file; it must not
+    // pass for a short identity. The scan that meets the stream's error
+    // flag may clear errno (the C library's does): then the error is EIO.
+    if (std::ferror(file.Get()))
+        throw corvid::ErrnoException(errno != 0 ? errno : EIO, path);
     return identity;
 }

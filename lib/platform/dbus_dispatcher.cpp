@@ -1,6 +1,7 @@
 #include "platform/dbus_dispatcher.h"
 
 #include <sys/prctl.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstdint>
@@ -29,6 +30,22 @@ Shared& State()
 {
     static Shared* const state = new Shared; // outlives every static instance
     return *state;
+}
+
+// Stops the dispatcher's loop. The binding's leave() writes a wake-up word
+// to the loop's pipe and then closes both ends; when the write fails it
+// throws instead and leaves them open. Called from a destructor, the
+// exception would end the process (SIGABRT at exit), so a failed wake-up
+// closes the pipe itself: a loop that runs on a thread then stops only at
+// the join's deadline.
+void Leave(DBus::BusDispatcher& dispatcher) noexcept
+{
+    try {
+        dispatcher.leave();
+    } catch (...) {
+        ::close(dispatcher._fdunlock[1]);
+        ::close(dispatcher._fdunlock[0]);
+    }
 }
 
 bool RunDispatcher(DBus::BusDispatcher* dispatcher)
@@ -60,7 +77,7 @@ EnsureDBusDispatcher::~EnsureDBusDispatcher()
     const std::lock_guard<std::mutex> lock(state.mutex);
     if (--state.count != 0)
         return;
-    state.dispatcher->leave();
+    Leave(*state.dispatcher);
     if (state.thread) {
         // Joining from the dispatcher thread itself is refused by the thread
         // library, which ends the process.

@@ -42,6 +42,9 @@ TEST(ReadBoardId, TheKeysOfTheTableAsFscanfReadsThem)
     EXPECT_EQ(ReadBoardId(dir.WriteFile("short", "ID:\n")).id, -1);
     EXPECT_EQ(WhatOf([&] { ReadBoardId(dir.Path() + "/none"); }),
               dir.Path() + "/none: No such file or directory (errno 2)");
+    // A directory opens, and its first read fails: an error, not an empty
+    // identity.
+    EXPECT_EQ(WhatOf([&] { ReadBoardId(dir.Path()); }), dir.Path() + ": Is a directory (errno 21)");
 }
 
 // A test key's canonical bytes parsed as the program parses its stored keys.

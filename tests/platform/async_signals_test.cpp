@@ -1,10 +1,13 @@
 // The debugger flag, the signal policy and the observer registry.
 #include <pthread.h>
+#include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <string>
 
 #include <dbus-c++/dispatcher.h>
+#include <dbus-c++/eventloop-integration.h>
 #include <gtest/gtest.h>
 
 #include "platform/async_signals.h"
@@ -93,7 +96,16 @@ TEST(SignalDispatcher, ObserversInOrderAndDeliveryOutsideTheHandler)
 
 TEST(EnsureDBusDispatcher, TheStaticInstanceInstalledADispatcherBeforeMain)
 {
-    EXPECT_NE(DBus::default_dispatcher, nullptr);
+    ASSERT_NE(DBus::default_dispatcher, nullptr);
+    // The last instance wakes the loop at exit; when that write fails the
+    // process still exits with its status, not SIGABRT.
+    auto& dispatcher = dynamic_cast<DBus::BusDispatcher&>(*DBus::default_dispatcher);
+    EXPECT_EXIT(
+        {
+            ::close(dispatcher._fdunlock[1]);
+            std::exit(3);
+        },
+        testing::ExitedWithCode(3), "");
 }
 
 } // namespace
