@@ -283,6 +283,66 @@ vx_run() {
     vx_kmsg kmsg-after
 }
 
+# vx_fault_sweep SECONDS INJECTOR KIND... -- [VAR=VALUE...] PROGRAM [ARG...]: the fault
+# sweep. The program runs again once per system call of each KIND that it
+# makes, with the injector (a library loaded with LD_PRELOAD) failing that
+# call: VXFAULT_NTH = 1, 2, ... until the injector's log stays empty, which
+# means the program made fewer calls of that kind. Each run is killed after
+# SECONDS, and gets the player as the first run had it: every GPIO line
+# unexported and /etc/issue as the scenario gave it (the check's only
+# effects on the unit; it never writes flash); the shell functions
+# vx_fault_before and vx_fault_after, when the scenario defines them, start
+# and stop what runs beside the program (the event device's server).
+# Results in out/faults: KIND.N.status, .stdout, .stderr and .fault (the
+# injector's line), and KIND.end.status for the run that made no such call.
+vx_fault_sweep() {
+    secs=$1 injector=$2
+    shift 2
+    kinds=
+    while [ "$1" != "--" ]; do
+        kinds="$kinds $1"
+        shift
+    done
+    shift
+    dir=$SC/out/faults
+    mkdir -p "$dir"
+    for kind in $kinds; do
+        n=1
+        while :; do
+            vx_fault_reset || return 1
+            if command -v vx_fault_before > /dev/null; then vx_fault_before || return 1; fi
+            rm -f "$ROOT/run/vxsim/fault.log"
+            status=0
+            (exec chroot "$ROOT" /usr/bin/timeout -s KILL "$secs" \
+                /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LD_PRELOAD="$injector" \
+                VXFAULT_CALL="$kind" VXFAULT_NTH="$n" VXFAULT_LOG=/run/vxsim/fault.log "$@" \
+                < /dev/null > "$dir/$kind.$n.stdout" 2> "$dir/$kind.$n.stderr" 7>&-) || status=$?
+            if command -v vx_fault_after > /dev/null; then vx_fault_after || return 1; fi
+            if [ ! -s "$ROOT/run/vxsim/fault.log" ]; then
+                echo $status > "$dir/$kind.end.status"
+                rm -f "$dir/$kind.$n.stdout" "$dir/$kind.$n.stderr"
+                break
+            fi
+            echo $status > "$dir/$kind.$n.status"
+            cp "$ROOT/run/vxsim/fault.log" "$dir/$kind.$n.fault"
+            n=$((n + 1))
+        done
+    done
+}
+
+# vx_fault_reset: the player's state before a run of the fault sweep.
+vx_fault_reset() {
+    for line in "$ROOT"/sys/class/gpio/gpio[0-9]*; do
+        [ -e "$line" ] || continue
+        echo "${line##*/gpio}" > "$ROOT/sys/class/gpio/unexport" || return 1
+    done
+    if [ -f "$SC/in/root/etc/issue" ]; then
+        cp "$SC/in/root/etc/issue" "$ROOT/etc/issue"
+    else
+        rm -f "$ROOT/etc/issue"
+    fi
+}
+
 # vx_collect PATH...: copies files of the scenario's root to out/files.
 vx_collect() {
     for p; do

@@ -22,7 +22,7 @@ from . import SimError
 from .guest import batch_timeout, run_boot
 from .kernel import ensure_kernel
 from .scenario import boot_groups, load_batches, load_scenario
-from .steps import programs_used
+from .steps import VALGRIND, programs_used
 from .verdict import report
 
 # Where the build puts the programs scenarios name, below the build directory.
@@ -33,6 +33,7 @@ DEFAULT_PROGRAMS = {
     "vxevdev": "sim/hw/vxevdev",
     "vxevplay": "sim/hw/vxevplay",
     "hw_device_tests": "sim/hw/hw_device_tests",
+    "vxfault": "tests/libvxfault.so",
 }
 
 
@@ -64,6 +65,8 @@ def cmd_run(args, log):
     for n in programs_used(scenarios):
         if n in programs and not os.access(programs[n], os.X_OK):
             raise SimError(f"{programs[n]} is missing; build the project first")
+    if any(s.run.memcheck for s in scenarios) and not os.access(VALGRIND, os.X_OK):
+        raise SimError(f"{VALGRIND} is missing: [run] memcheck needs valgrind (scripts/install-deps)")
     kernel = ensure_kernel(build_dir, log)
     ok = True
     for i, group in enumerate(boot_groups(scenarios)):

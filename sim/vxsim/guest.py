@@ -25,12 +25,30 @@ SCENARIO_SECONDS = 30
 
 def boot_timeout(scenarios):
     """How long one boot for the scenarios may take before it is stopped."""
-    return BOOT_SECONDS + sum(SCENARIO_SECONDS + s.run.timeout for s in scenarios)
+    return BOOT_SECONDS + sum(SCENARIO_SECONDS + s.run.timeout + (s.faults.total if s.faults else 0)
+                              for s in scenarios)
 
 
 def batch_timeout(scenarios):
     """How long a batch may take: each of its boots in turn."""
     return sum(boot_timeout(g) for g in boot_groups(scenarios))
+
+
+@dataclass
+class FaultRun:
+    """One run of a fault sweep: the program with one call failed."""
+    kind: str  # open, read, ioctl, mmap, write
+    nth: int  # the call of that kind that failed, from 1
+    status: int | None  # as Result.status
+    fault: str  # the injector's line: "KIND N SYSCALL ERRNO TARGET"
+    stdout: str = ""
+    stderr: str = ""
+
+
+@dataclass
+class FaultSweep:
+    runs: list[FaultRun]  # by kind in the sweep's order, then by call
+    ends: dict[str, int | None]  # by kind: the status of the run that made no further call
 
 
 @dataclass
@@ -49,6 +67,8 @@ class Result:
     device_log: list[tuple[int, str]] | None = None  # the event device's, see device_log
     splash: str | None = None  # what the splash reader got; None: no reader
     steps_failed: str | None = None  # setup.log, when a step after the run failed
+    faults: FaultSweep | None = None  # the fault sweep's runs, when there was one
+    memcheck: str | None = None  # valgrind's report, when the program ran under memcheck
 
 
 def device_log(text):
@@ -83,7 +103,40 @@ def user_records(before, after):
             if seq > last and prio >> 3 != 0 and text != RUN_END_RECORD]
 
 
-def read_results(sdir, collect):
+def status_number(text):
+    try:
+        return int(text.strip())
+    except ValueError:
+        return None
+
+
+def read_fault_sweep(directory, kinds):
+    """The runs that vx_fault_sweep left in out/faults; None when it left
+    nothing."""
+    if not os.path.isdir(directory):
+        return None
+
+    def text(name):
+        try:
+            with open(os.path.join(directory, name), encoding="utf-8", errors="surrogateescape",
+                      newline="") as f:
+                return f.read()
+        except FileNotFoundError:
+            return None
+    runs, ends = [], {}
+    for kind in kinds:
+        n = 1
+        while (status := text(f"{kind}.{n}.status")) is not None:
+            runs.append(FaultRun(kind, n, status_number(status), (text(f"{kind}.{n}.fault") or "").strip(),
+                                 text(f"{kind}.{n}.stdout") or "", text(f"{kind}.{n}.stderr") or ""))
+            n += 1
+        end = text(f"{kind}.end.status")
+        if end is not None:
+            ends[kind] = status_number(end)
+    return FaultSweep(runs, ends)
+
+
+def read_results(sdir, collect, fault_kinds=()):
     """What the guest left in a scenario's out/ directory; None when the
     program never ran (no status file)."""
     out = os.path.join(sdir, "out")
@@ -97,10 +150,7 @@ def read_results(sdir, collect):
     status_text = text("status")
     if status_text is None:
         return None
-    try:
-        status = int(status_text.strip())
-    except ValueError:
-        status = None
+    status = status_number(status_text)
     result = Result(status=status, status_text=status_text, stdout=text("stdout", ""),
                     stderr=text("stderr", ""), meminfo=text("meminfo", ""),
                     pid=text("pid", "").strip(),
@@ -113,12 +163,15 @@ def read_results(sdir, collect):
     log = text("vxevdev.log")
     result.device_log = device_log(log) if log is not None else None
     result.splash = text("splash")
+    result.memcheck = text("memcheck")
     if os.path.exists(os.path.join(sdir, "setup-failed")):
         try:
             with open(os.path.join(sdir, "setup.log"), errors="replace") as f:
                 result.steps_failed = f.read().strip()
         except OSError:
             result.steps_failed = ""
+    if fault_kinds:
+        result.faults = read_fault_sweep(os.path.join(out, "faults"), fault_kinds)
     try:
         t0, t1 = map(float, (text("run-uptime") or "").split())
         result.seconds = t1 - t0
@@ -198,5 +251,6 @@ def run_boot(scenarios, kernel, programs, rundir, timeout, log):
                     log(f"--- {name} (end) ---\n{f.read()[-4000:]}")
             except OSError:
                 pass
-    return {s.name: read_results(os.path.join(rundir, s.name), sorted(set(s.expect.files) | set(s.expect.modes)))
+    return {s.name: read_results(os.path.join(rundir, s.name), sorted(set(s.expect.files) | set(s.expect.modes)),
+                                 s.faults.calls if s.faults else ())
             for s in scenarios}

@@ -106,6 +106,29 @@ class Run:
     # Where the program's standard error goes: "file" (compared as stderr)
     # or "kmsg", the kernel log, as the player's boot scripts connect it.
     stderr: str = "file"
+    # Under valgrind's memcheck, whose report is judged too (verdict.py).
+    memcheck: bool = False
+
+
+# The kinds of system call a fault sweep fails, as the injector names them.
+FAULT_CALLS = ("open", "read", "ioctl", "mmap", "write")
+
+
+@dataclass
+class Faults:
+    """A fault sweep after the run: the program again, once per system call
+    of each kind that it makes, with that one call failed."""
+    calls: list[str]
+    timeout: int = 20  # seconds per run
+    total: int = 900  # seconds the whole sweep may take
+    # Failed calls, as "KIND TARGET" patterns ("mmap anonymous", "read
+    # */fips_enabled"), that a run may pass without a word of; and those
+    # after which it may be killed by a signal, with a message.
+    unreported: list[str] = field(default_factory=list)
+    killed: list[str] = field(default_factory=list)
+    # A path: only the calls from the program's first open of it on are
+    # counted and failed (a sweep of what a failing check does last).
+    from_open: str | None = None
 
 
 @dataclass
@@ -146,6 +169,7 @@ class Scenario:
     input: Input | None = None  # None: no event device
     splash: Splash = field(default_factory=Splash)
     run: Run = field(default_factory=Run)
+    faults: Faults | None = None  # None: no fault sweep
 
     def boot_key(self):
         """Scenarios with equal keys can share one boot."""
@@ -343,7 +367,7 @@ def parse_splash(t):
 def parse_run(t):
     run = Run(program=t.take("program", str, Run.program), args=t.texts("args", []),
               env=t.take("env", dict, {}), timeout=t.take("timeout", int, Run.timeout),
-              stderr=t.take("stderr", str, Run.stderr))
+              stderr=t.take("stderr", str, Run.stderr), memcheck=t.take("memcheck", bool, False))
     if run.stderr not in ("file", "kmsg"):
         raise t.error('stderr must be "file" or "kmsg"')
     if not all(re.fullmatch(r"[A-Za-z_][A-Za-z0-9_]*", k) and isinstance(v, str)
@@ -353,6 +377,19 @@ def parse_run(t):
         raise t.error("timeout must be a positive number of seconds")
     t.done()
     return run
+
+
+def parse_faults(t):
+    calls = t.texts("calls", [])
+    if not calls or len(set(calls)) != len(calls) or not set(calls) <= set(FAULT_CALLS):
+        raise t.error(f"calls must name kinds of system call, each once: {', '.join(FAULT_CALLS)}")
+    faults = Faults(calls=calls, timeout=t.take("timeout", int, Faults.timeout),
+                    total=t.take("total", int, Faults.total), unreported=t.texts("unreported", []),
+                    killed=t.texts("killed", []), from_open=t.take("from_open", str))
+    if faults.timeout < 1 or faults.total < 1:
+        raise t.error("timeout and total must be positive numbers of seconds")
+    t.done()
+    return faults
 
 
 def parse_expect_input(t):
@@ -432,6 +469,7 @@ def parse_scenario(name, data):
         input=parse_input(doc.table("input")) if "input" in doc else None,
         splash=parse_splash(doc.table("splash")),
         run=parse_run(doc.table("run")),
+        faults=parse_faults(doc.table("faults")) if "faults" in doc else None,
         expect=parse_expect(doc.table("expect")),
     )
     doc.done()
@@ -441,6 +479,8 @@ def parse_scenario(name, data):
         raise doc.error("[expect.input] exit_after_press_ms needs a press in [input]")
     if s.expect.splash is not None and not s.splash.reader:
         raise doc.error("[expect] splash needs [splash] reader = true")
+    if s.faults and s.splash.reader:
+        raise doc.error("[faults] runs without a splash reader: leave out [splash] reader")
     return s
 
 

@@ -161,20 +161,36 @@ def splash_companion(s, setup):
 COMPANIONS = [input_companion, splash_companion]
 
 
+# valgrind's memcheck in the guest (the host's, through the scenario root),
+# and where its report goes (the scenario's out/ as the root sees it).
+VALGRIND = "/usr/bin/valgrind"
+MEMCHECK_OPTIONS = ["--track-fds=yes", "--leak-check=full", "--errors-for-leak-kinds=definite,indirect"]
+MEMCHECK_LOG = "/run/vxsim/scenario/out/memcheck"
+
+
+def run_program(s, setup):
+    """The path of the program that [run] names."""
+    program = s.run.program if s.run.program.startswith("/") else setup.programs.get(s.run.program)
+    if not program:
+        raise SimError(f"{s.name}: unknown program {s.run.program}")
+    return program
+
+
 def run_steps(s, setup):
     """The program, between the steps that start its companions and those
     that stop them (in reverse order)."""
     run = s.run
-    program = run.program if run.program.startswith("/") else setup.programs.get(run.program)
-    if not program:
-        raise SimError(f"{s.name}: unknown program {run.program}")
+    program = run_program(s, setup)
     env = [f"{k}={v}" for k, v in sorted(run.env.items())]
     starts, stops = [], []
     for companion in COMPANIONS:
         start, stop = companion(s, setup)
         starts += start
         stops[:0] = stop
-    words = [str(run.timeout)] + (["--kmsg"] if run.stderr == "kmsg" else []) + env + ["--", program] + run.args
+    command = [program] + run.args
+    if run.memcheck:
+        command = [VALGRIND] + MEMCHECK_OPTIONS + [f"--log-file={MEMCHECK_LOG}"] + command
+    words = [str(run.timeout)] + (["--kmsg"] if run.stderr == "kmsg" else []) + env + ["--"] + command
     return starts + ["vx_run " + " ".join(q(a) for a in words)] + stops
 
 
@@ -184,8 +200,30 @@ def collect_steps(s, setup):
     return ["vx_collect " + " ".join(q(p) for p in collect)] if collect else []
 
 
+def fault_steps(s, setup):
+    """The fault sweep, after the run and its files are collected: the
+    program with the injector loaded, once per call of each kind. The event
+    device's server starts afresh for every run, so that each finds the
+    device as the first run did."""
+    if s.faults is None:
+        return []
+    injector = setup.programs.get("vxfault")
+    if not injector:
+        raise SimError(f"{s.name}: [faults] needs the fault injector (vxfault)")
+    program = run_program(s, setup)
+    steps = []
+    if s.input:
+        start, _ = input_companion(s, setup)
+        steps += [f"vx_fault_before() {{ {start[0]}; }}", 'vx_fault_after() { vx_stop_server "$ROOT"; }']
+    env = [f"{k}={v}" for k, v in sorted(s.run.env.items())]
+    if s.faults.from_open:
+        env.insert(0, f"VXFAULT_FROM={s.faults.from_open}")
+    words = [str(s.faults.timeout), injector] + s.faults.calls + ["--"] + env + [program] + s.run.args
+    return steps + ["vx_fault_sweep " + " ".join(q(w) for w in words)]
+
+
 STEPS = [root_steps, chip_steps, proc_steps, flash_steps, net_steps, gpio_steps, avs_steps, run_steps,
-         collect_steps]
+         collect_steps, fault_steps]
 
 
 def prepare_scenario(s, sdir, programs):
@@ -210,11 +248,14 @@ def batch_script(names_steps):
 
 def programs_used(scenarios):
     """The named programs (not absolute paths) that the scenarios need from
-    the build: the programs they run, vxtool when any image is made and
-    vxevdev when any has an event device."""
+    the build: the programs they run, vxtool when any image is made,
+    vxevdev when any has an event device and the fault injector when any
+    has a fault sweep."""
     used = {s.run.program for s in scenarios if not s.run.program.startswith("/")}
     if any(f.image for s in scenarios for f in s.flash):
         used.add("vxtool")
     if any(s.input for s in scenarios):
         used.add("vxevdev")
+    if any(s.faults for s in scenarios):
+        used.add("vxfault")
     return sorted(used)

@@ -2,10 +2,12 @@
 the report of each scenario (PASS or FAIL, every difference, and the
 program's output when asked for or when it failed)."""
 
+import fnmatch
 import os
 import re
 
 from . import SimError
+from .steps import MEMCHECK_LOG
 
 
 def substitute(text, meminfo, pid=""):
@@ -142,6 +144,125 @@ def device_summary(log):
     return text
 
 
+# The check's statuses: passed, a hardware failure, an unexpected failure.
+CHECK_STATUSES = (0, 1, 2)
+TIMEOUT_STATUS = 128 + 9  # timeout -s KILL
+# The check's one deliberate crash: the LED pattern shown 17 times unseen.
+DELIBERATE_CRASH = (128 + 6, "Forced crash due to LED error")
+
+
+def fault_target(run):
+    """A failed call as the sweep's patterns name it: "KIND TARGET", the
+    target without the descriptor number ("read /dev/mtd0")."""
+    fields = run.fault.split(" ", 4)
+    target = fields[4] if len(fields) == 5 else ""
+    return f"{run.kind} {re.sub(r'^fd=[0-9]+:', '', target)}"
+
+
+def fault_verdict(run, faults, plain_stderr):
+    """What is wrong with one run of a fault sweep, or None. Every run ends
+    by itself, in time, with one of the check's statuses (or the deliberate
+    crash, or a death by a signal that [faults] killed allows for that call,
+    with a message); a failure has its "ERROR:" line unless the failed call
+    was a write to standard error, which may have been that line; a pass
+    shows the fault in what it printed unless [faults] unreported allows
+    silence for that call."""
+    call = fault_target(run)
+    allowed = lambda patterns: any(fnmatch.fnmatchcase(call, p) for p in patterns)
+    if run.status is None:
+        return "the guest left no exit status"
+    if run.status == TIMEOUT_STATUS:
+        return f"hung: killed after {faults.timeout} s"
+    if run.status > 128:
+        crash_status, crash_message = DELIBERATE_CRASH
+        if run.status == crash_status and crash_message in run.stderr:
+            return None
+        if allowed(faults.killed) and run.stderr.strip():
+            return None
+        return f"killed by signal {run.status - 128}"
+    if run.status not in CHECK_STATUSES:
+        return f"exit status {run.status}"
+    if run.status != 0:
+        on_stderr = run.kind == "write" and run.fault.split(" ", 4)[-1].startswith("fd=2:")
+        # Anywhere in a line: the AVS line before it has no line end.
+        if "ERROR: " in run.stderr or on_stderr:
+            return None
+        return f"status {run.status} without an ERROR: line"
+    if run.stderr == plain_stderr and not allowed(faults.unreported):
+        return "passed without a word of the failed call"
+    return None
+
+
+def judge_faults(scenario, result):
+    """A fault sweep's runs against the rules of fault_verdict; each kind
+    of call must have been failed at least once, and the run that made no
+    further call of a kind ends as the plain run was expected to."""
+    sweep, faults = result.faults, scenario.faults
+    if sweep is None:
+        return ["fault sweep: the guest left no results"]
+    diffs = []
+    for kind in faults.calls:
+        if not any(r.kind == kind for r in sweep.runs):
+            diffs.append(f"fault sweep: no {kind} call was failed")
+        end = sweep.ends.get(kind)
+        if end != scenario.expect.status:
+            diffs.append(f"fault sweep: the {kind} run past the last call ended with status {end}, "
+                         f"not {scenario.expect.status}")
+    for r in sweep.runs:
+        wrong = fault_verdict(r, faults, result.stderr)
+        if wrong:
+            diffs.append(f"fault sweep: {r.fault}: {wrong}; stderr {r.stderr[-300:]!r}")
+    return diffs
+
+
+def fault_table(sweep, plain_stderr):
+    """The sweep in numbers: per kind of call, the calls failed and how the
+    runs ended: passed with a message, passed with the plain run's output
+    (as [faults] unreported allows), statuses 1 and 2, anything else."""
+    def row(kind, runs):
+        count = lambda st: sum(r.status == st for r in runs)
+        silent = sum(r.status == 0 and r.stderr == plain_stderr for r in runs)
+        other = sorted({r.status for r in runs} - set(CHECK_STATUSES), key=str)
+        return (kind, len(runs), count(0) - silent, silent, count(1), count(2),
+                ", ".join(f"{count(st)} x {st}" for st in other) or "-")
+    kinds = dict.fromkeys(r.kind for r in sweep.runs)
+    rows = [("call", "failed", "0 told", "0 silent", "1", "2", "other")]
+    rows += [row(kind, [r for r in sweep.runs if r.kind == kind]) for kind in kinds]
+    rows.append(row("all", sweep.runs))
+    return [f"{k:<6} {n:>6} {a:>6} {b:>8} {c:>4} {d:>4}  {o}" for k, n, a, b, c, d, o in rows]
+
+
+def fault_runs(sweep, plain_stderr):
+    """One line per run: the failed call, the status, and the first line
+    that the run printed where the plain run did not."""
+    plain = set(plain_stderr.split("\n"))
+    for r in sweep.runs:
+        new = [line for line in r.stderr.split("\n") if line.strip() and line not in plain]
+        yield f"{r.fault} -> {r.status}: {new[0] if new else '(as the plain run)'}"
+
+
+def judge_memcheck(report, status):
+    """valgrind's memcheck report: no memory error, no definite or indirect
+    leak, and no descriptor open at exit but the standard three and the
+    report's own. A program that a signal ended unwinds nothing: only its
+    errors count then."""
+    if report is None:
+        return ["memcheck: the guest left no report"]
+    diffs = []
+    errors = re.search(r"ERROR SUMMARY: (\d+) errors", report)
+    if not errors:
+        diffs.append("memcheck: the report has no error summary")
+    elif errors.group(1) != "0" and status < 128:
+        diffs.append(f"memcheck: {errors.group(1)} errors or leaks")
+    opened = [m.group(1) for m in re.finditer(r"^==\d+== Open (.*)$", report, re.M)
+              if not m.group(1).endswith(MEMCHECK_LOG)]
+    if status < 128:
+        if "FILE DESCRIPTORS: " not in report:
+            diffs.append("memcheck: the report has no descriptor summary")
+        diffs.extend(f"memcheck: open at exit: {o}" for o in opened)
+    return diffs
+
+
 def judge(scenario, result):
     """Compares a scenario's results with its expectations; returns the list
     of differences (empty when everything held)."""
@@ -181,6 +302,10 @@ def judge(scenario, result):
             compare("splash (what the reader got)", exp.splash, result.splash)
     if exp.input is not None:
         diffs.extend(judge_input(exp.input, result.device_log))
+    if scenario.faults is not None:
+        diffs.extend(judge_faults(scenario, result))
+    if scenario.run.memcheck and result.status is not None:
+        diffs.extend(judge_memcheck(result.memcheck, result.status))
     if result.steps_failed is not None:
         diffs.append("a step after the program failed:\n  " + result.steps_failed.replace("\n", "\n  "))
     return diffs
@@ -214,8 +339,19 @@ def report(s, result, rundir, show, log):
             log(f"  --- event device: {device_summary(result.device_log)} ---")
         if result.splash is not None:
             log(f"  --- splash: {result.splash!r} ---")
+        if result.memcheck is not None:
+            summary = [line.split("== ", 1)[-1] for line in result.memcheck.split("\n")
+                       if re.search(r"FILE DESCRIPTORS|in use at exit|definitely lost|ERROR SUMMARY", line)]
+            log(f"  --- memcheck: {'; '.join(summary)} ---")
         for path, content in sorted(result.files.items()):
             log(f"  --- {path} (mode {result.modes.get(path, '?')}): {content!r} ---")
         status = result.status if result.status is not None else "unknown"
         log(f"  --- exit status {status} ---")
+    if result.faults is not None:
+        log(f"  --- fault sweep: {len(result.faults.runs)} runs, one call failed in each ---")
+        for line in fault_table(result.faults, result.stderr):
+            log("  | " + line)
+        if show or diffs:
+            for line in fault_runs(result.faults, result.stderr):
+                log("  | " + line)
     return not diffs

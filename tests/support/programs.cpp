@@ -43,6 +43,29 @@ bool Redirect(const std::string& path, int flags, int target)
     return dup2(open(path.c_str(), flags | O_CLOEXEC, 0644), target) == target;
 }
 
+// Memcheck's verdict on a program that exited (one that a signal ended,
+// an assertion's abort, unwinds nothing, so it is not judged): empty when
+// the log shows no error, no definite or indirect leak, and no descriptor
+// open at exit but the standard three and the log itself.
+std::string MemcheckFindings(const std::string& log_path)
+{
+    const std::string log = ReadFile(log_path);
+    std::string findings;
+    if (log.find("ERROR SUMMARY: 0 errors") == std::string::npos)
+        findings += "errors or leaks; ";
+    // "==PID== Open file descriptor N: PATH", one per descriptor open at exit.
+    for (std::size_t at = 0; (at = log.find("== Open ", at)) != std::string::npos;) {
+        const std::size_t end = log.find('\n', at);
+        const std::string line = log.substr(at + 3, end - at - 3);
+        at = end;
+        if (!line.ends_with(": " + log_path))
+            findings += line + "; ";
+    }
+    if (log.find("FILE DESCRIPTORS: ") == std::string::npos)
+        findings += "no descriptor report; ";
+    return findings.empty() ? findings : findings + "the log:\n" + log;
+}
+
 } // namespace
 
 TempDir::TempDir() : m_path((std::filesystem::temp_directory_path() / "vxtest.XXXXXX").string())
@@ -78,9 +101,21 @@ RunResult Run(const std::string& program, const std::vector<std::string>& args,
     const TempDir dir;
     const std::string in = dir.WriteFile("stdin", input);
     const std::string out = dir.Path() + "/stdout", err = dir.Path() + "/stderr";
-    std::vector<char*> argv{const_cast<char*>(program.c_str())};
-    for (const std::string& arg : args)
-        argv.push_back(const_cast<char*>(arg.c_str()));
+    // VXTEST_VALGRIND names valgrind: every program of this build then runs
+    // under memcheck (not the tools that tests use as oracles, gcc, openssl),
+    // and a run that memcheck finds fault with fails the test.
+    const char* valgrind = std::getenv("VXTEST_VALGRIND");
+    const bool memcheck = valgrind && *valgrind && program.rfind(VX_BINARY_DIR "/", 0) == 0;
+    const std::string memcheck_log = dir.Path() + "/memcheck";
+    std::vector<std::string> words;
+    if (memcheck)
+        words = {valgrind, "--track-fds=yes", "--leak-check=full",
+                 "--errors-for-leak-kinds=definite,indirect", "--log-file=" + memcheck_log};
+    words.push_back(program);
+    words.insert(words.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (const std::string& word : words)
+        argv.push_back(const_cast<char*>(word.c_str()));
     argv.push_back(nullptr);
 
     std::fflush(nullptr);
@@ -93,8 +128,8 @@ RunResult Run(const std::string& program, const std::vector<std::string>& args,
             (!drop || (prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE, 0, 0, 0) == 0 &&
                        prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH, 0, 0, 0) == 0)) &&
             Redirect(in, O_RDONLY, 0) && Redirect(out, O_WRONLY | O_CREAT | O_TRUNC, 1) &&
-            Redirect(err, O_WRONLY | O_CREAT | O_TRUNC, 2))
-            execv(program.c_str(), argv.data());
+            Redirect(err, O_WRONLY | O_CREAT | O_TRUNC, 2) && close_range(3, ~0u, 0) == 0)
+            execv(argv[0], argv.data());
         dprintf(2, "vxtest: cannot start %s: %s\n", program.c_str(), std::strerror(errno));
         _exit(127);
     }
@@ -102,6 +137,10 @@ RunResult Run(const std::string& program, const std::vector<std::string>& args,
     while (waitpid(pid, &status, 0) < 0) {
         if (errno != EINTR)
             throw std::runtime_error("waitpid failed");
+    }
+    if (memcheck && WIFEXITED(status)) {
+        if (const std::string findings = MemcheckFindings(memcheck_log); !findings.empty())
+            ADD_FAILURE() << program << " under memcheck: " << findings;
     }
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, WIFSIGNALED(status) ? WTERMSIG(status) : 0,
             ReadFile(out), ReadFile(err)};

@@ -36,7 +36,10 @@ std::string ReadFile(const std::string& path);
 struct Sandbox;
 
 // Starts program (in sandbox when given) and waits for it; its standard
-// output and error go to files, and it inherits no other descriptor.
+// output and error go to files, and it inherits no other descriptor. With
+// VXTEST_VALGRIND set to valgrind's path, a program of this build runs under memcheck,
+// and a program that exits with a memory error, a definite or indirect leak
+// or a descriptor open beyond the standard three fails the calling test.
 RunResult Run(const std::string& program, const std::vector<std::string>& args,
               const std::string& input = {}, const Sandbox* sandbox = nullptr);
 inline RunResult Vxtool(const std::vector<std::string>& args, const std::string& input = {})
