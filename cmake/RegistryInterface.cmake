@@ -24,7 +24,7 @@ configure_file("${PROJECT_SOURCE_DIR}/data/dbus/registry_names.h.in"
 # private bus with this same file.
 set(VX_REGISTRY_POLICY "${PROJECT_BINARY_DIR}/data/dbus/${VX_REGISTRY_BUS_NAME}.conf")
 configure_file("${PROJECT_SOURCE_DIR}/data/dbus/registry.conf.in" "${VX_REGISTRY_POLICY}" @ONLY)
-install(FILES "${VX_REGISTRY_POLICY}" DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/system.d)
+install(FILES "${VX_REGISTRY_POLICY}" DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/system.d COMPONENT runtime)
 
 # Generates the proxy or adaptor ("proxy" or "adaptor") of the interface as
 # the header output; call it from the directory of the target that compiles it.
