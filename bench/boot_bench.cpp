@@ -17,6 +17,8 @@
 
 #include <fmt/format.h>
 
+#include "timing.h"
+
 #include "hardware/blessings.h"
 #include "hardware/bootloader_environment.h"
 #include "hardware/nand_image_access.h"
@@ -33,22 +35,7 @@ constexpr std::size_t PAGE_SIZE = 2048;
 const std::string SECURE_ID = "5ec1d0000000c0de";
 const std::string SERIAL = "BENCH0001";
 
-// Mean time of one call of f, in microseconds, over enough calls to last
-// about a quarter of a second.
-double MicrosecondsPerCall(const std::function<void()>& f)
-{
-    using Clock = std::chrono::steady_clock;
-    f(); // warm up
-    std::size_t calls = 0;
-    const auto start = Clock::now();
-    auto now = start;
-    while (now - start < std::chrono::milliseconds(250)) {
-        f();
-        ++calls;
-        now = Clock::now();
-    }
-    return std::chrono::duration<double, std::micro>(now - start).count() / calls;
-}
+using vxbench::MicrosecondsPerCall;
 
 // Writes a partition image: bad blocks (zero-filled) first, then data over
 // the good blocks, erased to the end.

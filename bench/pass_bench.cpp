@@ -27,6 +27,8 @@
 
 #include <fmt/format.h>
 
+#include "timing.h"
+
 #include "check/driver.h"
 #include "check/startup_pass.h"
 #include "child_process.h"
@@ -80,21 +82,7 @@ double Median(std::vector<double> values)
 
 double Microseconds(Clock::duration d) { return std::chrono::duration<double, std::micro>(d).count(); }
 
-// Mean time of one call of f, in microseconds, over enough calls to last
-// about a quarter of a second.
-double MicrosecondsPerCall(const std::function<void()>& f)
-{
-    f(); // warm up
-    std::size_t calls = 0;
-    const auto start = Clock::now();
-    auto now = start;
-    while (now - start < std::chrono::milliseconds(250)) {
-        f();
-        ++calls;
-        now = Clock::now();
-    }
-    return Microseconds(now - start) / double(calls);
-}
+using vxbench::MicrosecondsPerCall;
 
 // Standard error goes to a file while this lives.
 class StderrToFile {

@@ -20,7 +20,9 @@
 
 namespace {
 
-constexpr unsigned long HWREV_ABSENT = 65535;
+// The largest 16-bit revision: an absent VX_HWREV reads as it, larger ones are
+// clamped to it.
+constexpr unsigned long HWREV_MAX = 65535;
 
 bool IsDirectory(const std::string& path)
 {
@@ -43,9 +45,9 @@ std::string LabelRevision(const BootloaderEnvironment& environment)
         corvid::PrintPlain("SRB IS NOT SET. RUN MANUFACTURING TEST.");
         return "NO-SRB";
     }
-    unsigned long revision = HWREV_ABSENT;
+    unsigned long revision = HWREV_MAX;
     if (environment.variables.count("VX_HWREV"))
-        revision = std::min(std::strtoul(environment.Get("VX_HWREV").c_str(), nullptr, 0), HWREV_ABSENT);
+        revision = std::min(std::strtoul(environment.Get("VX_HWREV").c_str(), nullptr, 0), HWREV_MAX);
     if (revision <= 25) {
         std::string label = "REV@";
         label[3] = static_cast<char>(label[3] + revision);

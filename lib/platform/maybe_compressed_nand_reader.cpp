@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include <boost/iostreams/filter/gzip.hpp>
 
@@ -101,6 +103,50 @@ constexpr std::uint32_t PT_NOTE_TYPE = 4;
 constexpr std::uint64_t MAX_NOTE_SEGMENT = 256;
 constexpr std::uint32_t MAX_NOTE_NAME = 64;
 constexpr std::uint32_t MAX_NOTE_DESCRIPTION = 128;
+// The program-header table is read in pieces of at most this size.
+constexpr std::size_t TABLE_PIECE = 65536;
+
+// A PT_NOTE entry of the program-header table.
+struct NoteSegment {
+    std::uint64_t file_size;
+    std::uint64_t offset;
+};
+
+// Reads the whole program-header table (size bytes at offset) piece by
+// piece and keeps the PT_NOTE entries in table order: entries start every
+// entry_size bytes, and one whose layout would run past the table is not
+// looked at. Only one piece and the note entries are held, whatever size
+// the header declares (up to 4 GiB).
+std::vector<NoteSegment> ReadNoteSegments(const ElfReadFunction& read, std::uint64_t offset,
+                                          std::uint64_t size, std::size_t entry_size,
+                                          std::size_t layout_size, bool wide)
+{
+    std::vector<NoteSegment> segments;
+    std::string window;          // the table's bytes from window_at on
+    std::uint64_t window_at = 0;
+    std::uint64_t next = 0;      // the next entry
+    for (std::uint64_t done = 0; done < size;) {
+        const auto piece = static_cast<std::size_t>(std::min<std::uint64_t>(TABLE_PIECE, size - done));
+        const std::size_t kept = window.size();
+        window.resize(kept + piece);
+        read(offset + done, window.data() + kept, piece);
+        done += piece;
+        const auto* bytes = reinterpret_cast<const unsigned char*>(window.data());
+        for (; next + layout_size <= done; next += entry_size) {
+            const unsigned char* entry = bytes + (next - window_at);
+            if (corvid::LoadLe32(entry) != PT_NOTE_TYPE)
+                continue;
+            segments.push_back({wide ? corvid::LoadLe64(entry + 32) : corvid::LoadLe32(entry + 16),
+                                wide ? corvid::LoadLe64(entry + 8) : corvid::LoadLe32(entry + 4)});
+        }
+        // Less than one entry's layout is left to keep (or nothing, when the
+        // next entry starts beyond this piece).
+        const std::uint64_t drop = std::min<std::uint64_t>(next - window_at, window.size());
+        window.erase(0, static_cast<std::size_t>(drop));
+        window_at += drop;
+    }
+    return segments;
+}
 
 // Reads size bytes (at most capacity) into buffer and makes the last of them
 // zero; a size of 0 is the empty text.
@@ -148,19 +194,11 @@ void EnumerateElfNotes(const ElfReadFunction& read, const ElfNoteCallback& callb
     if (entry_size * count < layout_size)
         throw std::runtime_error("ELF programme headers too small");
 
-    std::string table(entry_size * count, '\0');
-    read(table_offset, table.data(), table.size());
-    const auto* bytes = reinterpret_cast<const unsigned char*>(table.data());
-    for (std::size_t at = 0; at + layout_size <= table.size(); at += entry_size) {
-        const unsigned char* entry = bytes + at;
-        if (corvid::LoadLe32(entry) != PT_NOTE_TYPE)
-            continue;
-        const std::uint64_t file_size =
-            wide ? corvid::LoadLe64(entry + 32) : corvid::LoadLe32(entry + 16);
-        if (file_size > MAX_NOTE_SEGMENT)
+    for (const NoteSegment& segment :
+         ReadNoteSegments(read, table_offset, entry_size * count, entry_size, layout_size, wide)) {
+        if (segment.file_size > MAX_NOTE_SEGMENT)
             throw std::runtime_error("Note too big");
-        const std::uint64_t offset =
-            wide ? corvid::LoadLe64(entry + 8) : corvid::LoadLe32(entry + 4);
+        const std::uint64_t offset = segment.offset;
 
         unsigned char note[12];
         read(offset, reinterpret_cast<char*>(note), sizeof note);

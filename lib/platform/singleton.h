@@ -1,8 +1,10 @@
-// One registered instance per class.
+// One registered instance per class, made by its owner (Singleton) or on
+// first use (AutoCreateSingleton).
 #pragma once
 
 #include <cstdint>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -76,6 +78,27 @@ protected:
     // the object is whole (in GetInstance), never while T is being built or
     // torn down.
     static inline Singleton* sm_instance = nullptr;
+};
+
+// Base class that gives T one process-wide instance created on first use:
+// the first GetInstance() constructs it (once, also when threads race), and
+// the holder's owning pointer deletes it at process exit. T may keep its
+// constructor private and befriend this class.
+template <typename T>
+class AutoCreateSingleton {
+public:
+    AutoCreateSingleton(const AutoCreateSingleton&) = delete;
+    AutoCreateSingleton& operator=(const AutoCreateSingleton&) = delete;
+
+    static T* GetInstance()
+    {
+        static const std::unique_ptr<T> instance(new T);
+        return instance.get();
+    }
+
+protected:
+    AutoCreateSingleton() = default;
+    ~AutoCreateSingleton() = default;
 };
 
 } // namespace corvid

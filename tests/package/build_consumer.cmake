@@ -9,7 +9,7 @@ function(run)
     endif()
     set(output "${out}" PARENT_SCOPE)
 endfunction()
-run(${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${prefix}")
+run(${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${prefix}" --component dev)
 run(${CMAKE_COMMAND} -S "${CONSUMER_DIR}" -B "${WORK_DIR}/build" -G "${GENERATOR}"
     "-DCMAKE_PREFIX_PATH=${prefix}")
 run(${CMAKE_COMMAND} --build "${WORK_DIR}/build")

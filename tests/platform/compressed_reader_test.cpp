@@ -2,7 +2,9 @@
 // gcc and listed by readelf, gzip's compression, and images at every limit.
 #include <algorithm>
 #include <csignal>
+#include <cstdint>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -85,6 +87,37 @@ TEST(ElfNotes, LimitsAtTheirBoundaries)
     };
     for (const auto& [image, expected] : cases)
         EXPECT_EQ(Walk(image), expected) << &image - &cases[0].first;
+}
+
+// The table is read whole but held a piece at a time: the header's entry
+// size and count (up to 4 GiB together) never size a buffer.
+TEST(ElfNotes, ProgrammeHeaderTableReadInPieces)
+{
+    // 200 entries of 1008 bytes; notes in the first entry and in the two
+    // that straddle the ends of the first two 64 KiB pieces.
+    std::vector<vxtest::Segment> segments(131, {1, ""});
+    segments[0] = {4, Note(1, "a", "1")};
+    segments[65] = {4, Note(2, "b", "2")};
+    segments[130] = {4, Note(3, "c", "3")};
+    const std::string image = SyntheticElf(62, true, segments, 0, 1008, 200);
+    std::size_t longest = 0;
+    Notes notes;
+    EnumerateElfNotes(
+        [&](std::uint64_t offset, char* buffer, std::size_t length) {
+            longest = std::max(longest, length);
+            if (offset > image.size() || length > image.size() - offset)
+                throw std::runtime_error("past the image");
+            image.copy(buffer, length, offset);
+        },
+        [&](unsigned t, const std::string& n, const std::string& d) { notes.emplace_back(t, n, d); });
+    EXPECT_EQ(notes, (Notes{{1, "a", "1"}, {2, "b", "2"}, {3, "c", "3"}}));
+    EXPECT_LE(longest, 65536u);
+
+    // 65535 entries of 65535 bytes declared (the fuzzer's find): the read
+    // past the partition's end fails the walk before any note.
+    std::string huge = SyntheticElf(62, true, {{4, Note(1, "a", "1")}});
+    huge.replace(54, 4, "\xFF\xFF\xFF\xFF");
+    EXPECT_EQ(Walk(huge), std::make_pair(Notes{}, std::string("Seek beyond end of good NAND blocks")));
 }
 
 TEST(MaybeCompressedNandReader, PositionedReads)

@@ -1,0 +1,224 @@
+// The registry client against the real service on a private bus, and against
+// a stand-in whose replies have the wrong shape.
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <functional>
+#include <thread>
+
+#include <boost/core/demangle.hpp>
+#include <dbus/dbus.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "platform/registry_client.h"
+#include "platform/registry_names.h"
+#include "support/registry_bus.h"
+
+namespace {
+
+using Keys = std::map<std::string, std::string>;
+using Sections = std::map<std::string, Keys>;
+
+// "<type>: <what>" of the call's exception; a D-Bus error by its name.
+std::string Failure(const std::function<void()>& call)
+{
+    try {
+        call();
+    } catch (const DBus::Error& e) {
+        return std::string(e.name()) + ": " + e.message();
+    } catch (const std::exception& e) {
+        return boost::core::demangle(typeid(e).name()) + ": " + e.what();
+    }
+    return "none";
+}
+
+class RegistryTest : public testing::Test {
+protected:
+    void SetUp() override { bus.StartService(store); }
+
+    // What the store holds, as a restarted service loads it.
+    Sections Stored()
+    {
+        bus.StartService(store);
+        return nlohmann::json::parse(registry.ReadAllJson()).get<Sections>();
+    }
+
+    vxtest::TempDir dir;
+    const std::string store = dir.Path() + "/registry.json";
+    vxtest::RegistryBus& bus = vxtest::RegistryBus::Get();
+    Registry& registry = *RegistryClientImpl::GetInstance();
+};
+
+TEST_F(RegistryTest, EveryOperationReachesTheStore)
+{
+    EXPECT_EQ(registry.SectionList(), std::vector<std::string>());
+    EXPECT_EQ(registry.KeyList("network"), Keys());
+    registry.Write("network", "hostname", "player-12");
+    registry.Write("network", "empty", "");
+    registry.Write("display", "title", "Gr\u00fc\u00dfe \u2603");
+    EXPECT_EQ(registry.Read("network", "hostname") + registry.Read("network", "empty"), "player-12");
+    EXPECT_TRUE(registry.KeyExists("network", "empty"));
+    EXPECT_FALSE(registry.KeyExists("network", "mask") || registry.KeyExists("audio", "empty"));
+    EXPECT_TRUE(registry.SectionExists("display") && !registry.SectionExists("audio"));
+    EXPECT_EQ(registry.SectionList(), (std::vector<std::string>{"display", "network"}));
+    EXPECT_EQ(registry.KeyList("network"), (Keys{{"empty", ""}, {"hostname", "player-12"}}));
+    registry.DeleteKey("network", "empty");
+    registry.DeleteKey("network", "never");
+    registry.Flush();
+    EXPECT_EQ(Stored(), (Sections{{"display", {{"title", "Gr\u00fc\u00dfe \u2603"}}},
+                                  {"network", {{"hostname", "player-12"}}}}));
+    registry.WriteJson(R"({"a": {"x": "1"}, "b": {}})");
+    registry.DeleteSection("a");
+    EXPECT_EQ(Stored(), (Sections{{"b", {}}}));
+    registry.DeleteAll();
+    EXPECT_EQ(Stored(), Sections());
+}
+
+TEST_F(RegistryTest, TheServicesErrorsBecomeExceptionsWithFixedTexts)
+{
+    registry.Write("s", "k", "v");
+    const std::string name = "Registry::InvalidName: Invalid name: InvalidName";
+    EXPECT_EQ(Failure([&] { registry.Write("", "", ""); }), name); // sent, and refused by the service
+    EXPECT_EQ(Failure([&] { registry.KeyList("bad name"); }), name);
+    EXPECT_EQ(Failure([&] { registry.Read("s", std::string(129, 'k')); }), name);
+    const std::string json = "Registry::InvalidJson: Invalid JSON format:Invalid JSON";
+    EXPECT_EQ(Failure([&] { registry.WriteJson(R"({"s": )"); }), json);
+    EXPECT_EQ(Failure([&] { registry.WriteJson(R"({"s": {"k": 1}})"); }), json);
+    // Names and values may take 1 MiB together; "s", "k" and "v" hold 3 bytes.
+    EXPECT_EQ(Failure([&] { registry.Write("s", "b", std::string((1 << 20) - 3, 'x')); }),
+              "Registry::Full: Registry full");
+    const std::string before = registry.ReadAllJson();
+    EXPECT_EQ(Failure([&] { registry.WriteJson(R"({"a": {"b": "c"}, "x y": {}})"); }), name);
+    EXPECT_EQ(registry.ReadAllJson(), before);
+    registry.Write("s", "b", std::string((1 << 20) - 4, 'x'));
+    // Any other error arrives as the service sent it.
+    EXPECT_EQ(Failure([&] { registry.Read("s", "missing"); }),
+              std::string(REGISTRY_ERROR_NOT_FOUND) + ": No key 'missing' in section 's'");
+}
+
+TEST_F(RegistryTest, InvalidUtf8IsRefusedBeforeAnythingIsSent)
+{
+    using S = const std::string&;
+    const std::vector<std::function<void(S)>> calls = {
+        [&](S s) { registry.WriteJson(s); },        [&](S s) { registry.Write(s, "k", "v"); },
+        [&](S s) { registry.Write("s", s, "v"); },  [&](S s) { registry.Write("s", "k", s); },
+        [&](S s) { registry.Read(s, "k"); },        [&](S s) { registry.Read("s", s); },
+        [&](S s) { registry.KeyExists(s, "k"); },   [&](S s) { registry.KeyExists("s", s); },
+        [&](S s) { registry.SectionExists(s); },    [&](S s) { registry.DeleteKey(s, "k"); },
+        [&](S s) { registry.DeleteKey("s", s); },   [&](S s) { registry.DeleteSection(s); },
+        [&](S s) { registry.KeyList(s); }};
+    // A bad sequence, a stray continuation byte, an encoded surrogate, and a
+    // NUL, which a D-Bus string cannot carry.
+    for (S bad : std::vector<std::string>{"\xC3\x28", "ok\x80", "\xED\xA0\x80", {"a\0b", 3}}) {
+        for (const auto& call : calls)
+            EXPECT_EQ(Failure([&] { call(bad); }), "Registry::InvalidEncoding: Input data not valid UTF-8");
+    }
+    registry.Flush();
+    EXPECT_EQ(bus.ServiceLog().substr(bus.ServiceLog().find('\n') + 1), "vx-registryd: Flush\n"); // the only request
+}
+
+// In a child process: owns the service's name and answers SectionList with
+// a string and every other call with an array of strings.
+[[noreturn]] void ServeWrongShapes(int ready)
+{
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    DBusConnection* bus = dbus_bus_get_private(DBUS_BUS_SYSTEM, nullptr);
+    if (!bus || dbus_bus_request_name(bus, REGISTRY_BUS_NAME, 0, nullptr) != DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER ||
+        write(ready, "r", 1) != 1)
+        _exit(1);
+    const char* strings[] = {"wrong"};
+    const char** array = strings;
+    while (dbus_connection_read_write(bus, -1)) {
+        while (DBusMessage* call = dbus_connection_pop_message(bus)) {
+            DBusMessage* reply = dbus_message_new_method_return(call);
+            if (dbus_message_is_method_call(call, REGISTRY_INTERFACE, "SectionList"))
+                dbus_message_append_args(reply, DBUS_TYPE_STRING, array, DBUS_TYPE_INVALID);
+            else
+                dbus_message_append_args(reply, DBUS_TYPE_ARRAY, DBUS_TYPE_STRING, &array, 1, DBUS_TYPE_INVALID);
+            dbus_connection_send(bus, reply, nullptr);
+            dbus_message_unref(reply);
+            dbus_message_unref(call);
+        }
+    }
+    _exit(0);
+}
+
+TEST_F(RegistryTest, RepliesOfTheWrongShapeGiveTheBindingsErrorUnmapped)
+{
+    bus.StopService();
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t pid = fork();
+    if (pid == 0)
+        ServeWrongShapes(ready[1]);
+    close(ready[1]);
+    char byte = 0;
+    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    close(ready[0]);
+    EXPECT_EQ(Failure([&] { registry.SectionList(); }), "org.freedesktop.DBus.Error.InvalidArgs: array expected");
+    EXPECT_EQ(Failure([&] { registry.KeyList("s"); }),
+              "org.freedesktop.DBus.Error.InvalidArgs: dictionary value expected");
+    vxtest::Reap(pid, SIGKILL);
+}
+
+TEST_F(RegistryTest, ConcurrentThreadsAndProcessesLoseNoUpdate)
+{
+    const std::string filler(2000, '.'); // long values, so that a torn one would show
+    Sections expected;
+    std::vector<pid_t> processes;
+    std::vector<std::thread> threads;
+    for (const std::string writer : {"p0", "p1", "p2", "t0", "t1", "t2", "t3"}) {
+        for (int i = 0; i < 15; ++i)
+            expected[writer]["k" + std::to_string(i)] = writer + "-" + std::to_string(i) + "-" + filler;
+        if (writer[0] == 'p') {
+            processes.push_back(vxtest::Spawn(
+                {"/bin/sh", "-c", R"(for i in $(seq 0 14); do "$0" registry set $1 k$i $1-$i-$2 || exit 1; done)",
+                 VX_VXTOOL_PATH, writer, filler},
+                dir.Path() + "/" + writer + ".log"));
+            continue;
+        }
+        threads.emplace_back([&, writer, keys = expected[writer]] {
+            for (const auto& [key, value] : keys)
+                registry.Write(writer, key, value);
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    for (const pid_t process : processes)
+        EXPECT_EQ(vxtest::Reap(process), 0);
+    EXPECT_EQ(Stored(), expected);
+}
+
+TEST_F(RegistryTest, AKillMidStreamLosesNoAcknowledgedWriteAndLeavesNothingHalfWritten)
+{
+    const std::string filler(10000, '.');
+    Keys expected;
+    // Ten kills, each a little later into a write (one takes a few milliseconds).
+    for (int round = 0; round < 10; ++round) {
+        std::atomic<std::size_t> acknowledged = expected.size();
+        std::thread writer([&] {
+            try {
+                for (;; ++acknowledged)
+                    registry.Write("stream", std::to_string(acknowledged), std::to_string(acknowledged) + filler);
+            } catch (const DBus::Error&) {
+            }
+        });
+        while (acknowledged < expected.size() + 5)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        std::this_thread::sleep_for(std::chrono::microseconds(500 * round));
+        bus.StopService(SIGKILL);
+        writer.join();
+        // The write in flight may count, but whole.
+        const Keys stored = Stored()["stream"];
+        for (std::size_t i = expected.size(); i <= acknowledged; ++i) {
+            if (i < acknowledged || stored.contains(std::to_string(i)))
+                expected[std::to_string(i)] = std::to_string(i) + filler;
+        }
+        EXPECT_EQ(stored, expected) << "round " << round;
+    }
+}
+
+} // namespace
