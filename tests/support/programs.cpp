@@ -72,14 +72,14 @@ std::string ReadFile(const std::string& path)
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-RunResult Run(const std::string& program, const std::vector<std::string>& args,
-              const std::string& input, const Sandbox* sandbox)
+RunResult Run(const std::vector<std::string>& command, const std::string& input, const Sandbox* sandbox)
 {
     const TempDir dir;
     const std::string in = dir.WriteFile("stdin", input);
     const std::string out = dir.Path() + "/stdout", err = dir.Path() + "/stderr";
-    std::vector<char*> argv{const_cast<char*>(program.c_str())};
-    for (const std::string& arg : args)
+    const std::string& program = command.at(0);
+    std::vector<char*> argv;
+    for (const std::string& arg : command)
         argv.push_back(const_cast<char*>(arg.c_str()));
     argv.push_back(nullptr);
 
