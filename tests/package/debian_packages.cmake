@@ -1,6 +1,8 @@
 # Builds the Debian packages of the build tree BUILD_DIR with cpack into
 # WORK_DIR, unpacks them into a scratch root and checks the files each
-# holds, the declared dependencies and lintian's verdict (none expected).
+# holds, their architecture (DEB_ARCH, default the build machine's), the
+# declared dependencies and lintian's verdict (none expected). A cross
+# build's tree gives the EMULATOR that runs its programs.
 file(REMOVE_RECURSE "${WORK_DIR}")
 file(MAKE_DIRECTORY "${WORK_DIR}/root")
 function(run)
@@ -28,7 +30,16 @@ set(dev_files
     usr/lib/libcorvid.a usr/lib/libvxhardware.a usr/include/vx-hwcheck/hardware/context.h
     usr/include/vx-hwcheck/platform/registry.h usr/lib/cmake/VxHwcheck/VxHwcheckConfig.cmake
     usr/share/doc/vx-hwcheck-dev/copyright)
+if(NOT DEB_ARCH)
+    run(dpkg --print-architecture)
+    string(STRIP "${output}" DEB_ARCH)
+endif()
 foreach(package IN LISTS packages)
+    run(dpkg-deb -f "${package}" Architecture)
+    string(STRIP "${output}" arch)
+    if(NOT arch STREQUAL DEB_ARCH)
+        message(FATAL_ERROR "${package} is for ${arch}, not ${DEB_ARCH}")
+    endif()
     run(dpkg-deb -x "${package}" root)
     run(dpkg-deb -f "${package}" Depends)
     if(package MATCHES "/vx-hwcheck_[^/]*$" AND NOT output MATCHES "libgcrypt20 \\(>=")
@@ -40,7 +51,7 @@ foreach(file IN LISTS runtime_files dev_files)
         message(FATAL_ERROR "no ${file} in the packages")
     endif()
 endforeach()
-run("${WORK_DIR}/root/usr/bin/vxtool" --help)
+run(${EMULATOR} "${WORK_DIR}/root/usr/bin/vxtool" --help)
 
 find_program(LINTIAN lintian)
 if(LINTIAN)

@@ -64,7 +64,7 @@ TEST(AssertionReport, FallsBackToStandardErrorAndAborts)
         vxtest::Sandbox sandbox;
         sandbox.BindContent("/dev/kmsg", "", 0000);
         sandbox.drop_file_permission_override = true;
-        const vxtest::RunResult result = vxtest::Run(VX_ASSERT_PROBE_PATH, {which}, {}, &sandbox);
+        const vxtest::RunResult result = vxtest::Run(vxtest::Built(VX_ASSERT_PROBE_PATH, {which}), {}, &sandbox);
         EXPECT_EQ(result.signal, SIGABRT) << which;
         EXPECT_EQ(result.err, expected);
     }
@@ -80,7 +80,7 @@ TEST(AssertionEntryPoints, ReplaceTheCLibraryForSharedLibraries)
     };
     for (const auto& [which, expected] : cases) {
         vxtest::Sandbox sandbox;
-        const vxtest::RunResult result = vxtest::Run(VX_ASSERT_PROBE_PATH, {which}, {}, &sandbox);
+        const vxtest::RunResult result = vxtest::Run(vxtest::Built(VX_ASSERT_PROBE_PATH, {which}), {}, &sandbox);
         EXPECT_EQ(result.signal, SIGABRT) << which;
         EXPECT_EQ(result.err, "") << which;
         const std::string log = sandbox.KernelLog();

@@ -174,10 +174,13 @@ TEST_F(RegistryTest, ConcurrentThreadsAndProcessesLoseNoUpdate)
         for (int i = 0; i < 15; ++i)
             expected[writer]["k" + std::to_string(i)] = writer + "-" + std::to_string(i) + "-" + filler;
         if (writer[0] == 'p') {
-            processes.push_back(vxtest::Spawn(
-                {"/bin/sh", "-c", R"(for i in $(seq 0 14); do "$0" registry set $1 k$i $1-$i-$2 || exit 1; done)",
-                 VX_VXTOOL_PATH, writer, filler},
-                dir.Path() + "/" + writer + ".log"));
+            std::vector<std::string> command = {
+                "/bin/sh", "-c",
+                R"(w=$1 f=$2; shift 2; for i in $(seq 0 14); do "$@" registry set $w k$i $w-$i-$f || exit 1; done)",
+                "sh", writer, filler};
+            for (const std::string& word : vxtest::Built(VX_VXTOOL_PATH))
+                command.push_back(word);
+            processes.push_back(vxtest::Spawn(command, dir.Path() + "/" + writer + ".log"));
             continue;
         }
         threads.emplace_back([&, writer, keys = expected[writer]] {

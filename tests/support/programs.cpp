@@ -95,12 +95,12 @@ std::string ReadFile(const std::string& path)
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-RunResult Run(const std::string& program, const std::vector<std::string>& args,
-              const std::string& input, const Sandbox* sandbox)
+RunResult Run(const std::vector<std::string>& command, const std::string& input, const Sandbox* sandbox)
 {
     const TempDir dir;
     const std::string in = dir.WriteFile("stdin", input);
     const std::string out = dir.Path() + "/stdout", err = dir.Path() + "/stderr";
+    const std::string& program = command.at(0);
     // VXTEST_VALGRIND names valgrind: every program of this build then runs
     // under memcheck (not the tools that tests use as oracles, gcc, openssl),
     // and a run that memcheck finds fault with fails the test.
@@ -111,8 +111,7 @@ RunResult Run(const std::string& program, const std::vector<std::string>& args,
     if (memcheck)
         words = {valgrind, "--track-fds=yes", "--leak-check=full",
                  "--errors-for-leak-kinds=definite,indirect", "--log-file=" + memcheck_log};
-    words.push_back(program);
-    words.insert(words.end(), args.begin(), args.end());
+    words.insert(words.end(), command.begin(), command.end());
     std::vector<char*> argv;
     for (const std::string& word : words)
         argv.push_back(const_cast<char*>(word.c_str()));

@@ -35,16 +35,39 @@ std::string ReadFile(const std::string& path);
 
 struct Sandbox;
 
-// Starts program (in sandbox when given) and waits for it; its standard
-// output and error go to files, and it inherits no other descriptor. With
-// VXTEST_VALGRIND set to valgrind's path, a program of this build runs under memcheck,
-// and a program that exits with a memory error, a definite or indirect leak
-// or a descriptor open beyond the standard three fails the calling test.
-RunResult Run(const std::string& program, const std::vector<std::string>& args,
-              const std::string& input = {}, const Sandbox* sandbox = nullptr);
+// The command line that runs one of this build's programs with args. A cross
+// build's programs are the player's: the emulator that runs the tests
+// (VX_TEST_EMULATOR, a list of words) runs them too.
+inline std::vector<std::string> Built(const std::string& program, const std::vector<std::string>& args = {})
+{
+#ifdef VX_TEST_EMULATOR
+    std::vector<std::string> command{VX_TEST_EMULATOR};
+#else
+    std::vector<std::string> command;
+#endif
+    command.push_back(program);
+    command.insert(command.end(), args.begin(), args.end());
+    return command;
+}
+
+// Starts command[0] with the rest as its arguments (in sandbox when given)
+// and waits for it; its standard output and error go to files, and it
+// inherits no other descriptor. With VXTEST_VALGRIND set to valgrind's path,
+// a program of this build runs under memcheck, and a program that exits with
+// a memory error, a definite or indirect leak or a descriptor open beyond the
+// standard three fails the calling test.
+RunResult Run(const std::vector<std::string>& command, const std::string& input = {},
+              const Sandbox* sandbox = nullptr);
+inline RunResult Run(const std::string& program, const std::vector<std::string>& args,
+                     const std::string& input = {}, const Sandbox* sandbox = nullptr)
+{
+    std::vector<std::string> command{program};
+    command.insert(command.end(), args.begin(), args.end());
+    return Run(command, input, sandbox);
+}
 inline RunResult Vxtool(const std::vector<std::string>& args, const std::string& input = {})
 {
-    return Run(VX_VXTOOL_PATH, args, input);
+    return Run(Built(VX_VXTOOL_PATH, args), input);
 }
 
 // A private mount namespace for runs, with a kernel-log file of its own;

@@ -81,7 +81,7 @@ public:
     void StartService(const std::string& store)
     {
         StopService();
-        m_service = Spawn({VX_REGISTRYD_PATH, "--store", store, "--verbose"}, m_dir.Path() + "/service.log");
+        m_service = Spawn(Built(VX_REGISTRYD_PATH, {"--store", store, "--verbose"}), m_dir.Path() + "/service.log");
         WaitFor(m_service, m_dir.Path() + "/service.log", " serving ");
     }
     int StopService(int signal = SIGTERM) { return Reap(std::exchange(m_service, -1), signal); }

@@ -12,11 +12,11 @@ using Args = std::vector<std::string>;
 // registry, as root or as another user (nobody).
 std::string Registry(const Args& args, const std::string& input = {}, bool as_nobody = false)
 {
-    Args command = {VX_VXTOOL_PATH, "registry"};
+    Args command = vxtest::Built(VX_VXTOOL_PATH, {"registry"});
     command.insert(command.end(), args.begin(), args.end());
     if (as_nobody)
         command.insert(command.begin(), {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
-    const vxtest::RunResult r = vxtest::Run(command[0], Args(command.begin() + 1, command.end()), input);
+    const vxtest::RunResult r = vxtest::Run(command, input);
     return std::to_string(r.exit_status) + ":" + r.out + r.err;
 }
 
