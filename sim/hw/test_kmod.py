@@ -22,6 +22,20 @@ class Names(unittest.TestCase):
         for bad in ("linux-image-amd64", "6.1", "linux-headers-6.1.0-56-amd64"):
             self.assertRaises(kmod.KmodError, kmod.kernel_release, bad)
 
+    def test_cross_compiler_for_another_architecture(self):
+        self.assertEqual(kmod.make_args("6.1.0-56-arm64", host="amd64"),
+                         ["ARCH=arm64", "CROSS_COMPILE=aarch64-linux-gnu-"])
+        for release, host in (("6.1.0-56-cloud-amd64", "amd64"), ("6.1.0-56-arm64", "arm64")):
+            self.assertEqual(kmod.make_args(release, host=host), [], release)
+        self.assertRaisesRegex(kmod.KmodError, "ships nandsim", kmod.build_nand, "/nonexistent",
+                               "linux-image-6.1.0-56-amd64")
+
+    def test_nand_objects_as_the_kernel_composes_them(self):
+        makefile = ("obj-$(CONFIG_MTD_RAW_NAND) += nand.o\nomap2_nand-objs := omap2.o\n"
+                    "nand-objs := old.o\nnand-objs := nand_base.o nand_bbt.o\nnand-objs += nand_onfi.o\n")
+        self.assertEqual(kmod.nand_objects(makefile), ["nand_base.o", "nand_bbt.o", "nand_onfi.o"])
+        self.assertRaises(kmod.KmodError, kmod.nand_objects, "obj-m += nand.o\n")
+
     def test_include_points_into_the_unpacked_tree(self):
         with tempfile.TemporaryDirectory() as d:
             mk = pathlib.Path(d, "Makefile")
@@ -60,6 +74,16 @@ class Build(unittest.TestCase):
                 kmod.build_module(build, "6.1.0-56-amd64", "chip", log=lambda m: None)
                 self.assertEqual(builds, [["Kbuild"], ["Kbuild", "chip.c"]])
                 self.assertTrue(os.path.exists(ko))
+
+    def test_refuses_undefined_symbols(self):
+        modpost = 'ERROR: modpost: "nand_ecc_sw_hamming_correct" [/w/nand.ko] undefined!\n'
+        with tempfile.TemporaryDirectory() as d, \
+                mock.patch.object(kmod, "ensure_headers", return_value="/h"), \
+                mock.patch.object(kmod, "_run", return_value=modpost):
+            os.makedirs(os.path.join(d, "sim", "kheaders"))
+            with self.assertRaisesRegex(kmod.KmodError, "nand_ecc_sw_hamming_correct"):
+                kmod._build(d, "6.1.0-56-arm64", "nand_raw", ["nand"], "x", os.makedirs, log=lambda m: None)
+            self.assertFalse(os.path.exists(os.path.join(d, "sim", "kmod", "6.1.0-56-arm64", "nand_raw")))
 
 
 if __name__ == "__main__":
