@@ -1,10 +1,12 @@
 # Guest side of the simulated player: the steps a batch script is made of.
 # Runs under busybox sh in the initramfs; usage: sh player.sh BATCH-SCRIPT.
 #
-# A scenario gets its own root: an overlay whose lower layer is the host's
-# root file system (the programs and their libraries, read-only over 9p) and
-# whose upper layer is a fresh tmpfs, so /etc/issue and everything else the
-# program writes stays in the guest and dies with the scenario. Inside it:
+# A scenario gets its own root: an overlay whose lower layers are the host's
+# root file system (the programs and their libraries, read-only over 9p)
+# below the runner's shared layers, if any (vx_layers: the arm64 player's
+# user space), and whose upper layer is a fresh tmpfs, so /etc/issue and
+# everything else the program writes stays in the guest and dies with the
+# scenario. Inside it:
 # fresh sysfs and devtmpfs, tmpfs /run, the kernel's procfs under
 # /run/vxsim/procfs, and a tmpfs /proc that holds the scenario's own files
 # (boardid, the renamed mtd table, any override) and symlinks into the real
@@ -35,7 +37,7 @@ vx_begin() {
     ROOT=/tmp/$1/root
     mkdir -p "$SC/out" "/tmp/$1/upper" "/tmp/$1/work" "$ROOT"
     vx_mount -t overlay overlay \
-        -o "lowerdir=/host,upperdir=/tmp/$1/upper,workdir=/tmp/$1/work" "$ROOT"
+        -o "lowerdir=${VX_LOWERDIR:-/host},upperdir=/tmp/$1/upper,workdir=/tmp/$1/work" "$ROOT"
     vx_mount -t sysfs sysfs "$ROOT/sys"
     vx_mount -t devtmpfs devtmpfs "$ROOT/dev"
     # /tmp stays the overlay's: the host's /tmp shows through (a build tree
@@ -51,6 +53,28 @@ vx_begin() {
         done
         cp -a "$SC/in/root/." "$ROOT/"
     fi
+}
+
+# vx_layers N: mounts the N layers the runner shares (layer0, ...) read-only
+# at /layers/0, ... and lays them over the host's root in every scenario
+# root, layer0 uppermost.
+vx_layers() {
+    VX_LOWERDIR=/host
+    i=$(($1 - 1))
+    while [ "$i" -ge 0 ]; do
+        vx_mount -t 9p -o trans=virtio,version=9p2000.L,msize=512000,cache=loose,ro "layer$i" "/layers/$i" \
+            || return 1
+        VX_LOWERDIR=/layers/$i:$VX_LOWERDIR
+        i=$((i - 1))
+    done
+}
+
+# vx_remove PATH...: no such files in the scenario's root (those of the
+# host's root hidden).
+vx_remove() {
+    for p; do
+        rm -f "$ROOT$p" || return 1
+    done
 }
 
 vx_mount() {
@@ -229,6 +253,14 @@ vx_splash_stop() {
 vx_avs() {
     chroot "$ROOT" /usr/bin/dd if="/run/vxsim/scenario/$1" of=/dev/mem bs=72 count=1 \
         seek=$((0x08144000)) oflag=seek_bytes conv=notrunc status=none
+}
+
+# vx_install PACKAGE: installs a Debian package (a file below the scenario
+# directory) into the scenario's root with the player's dpkg, its maintainer
+# scripts run; triggers (the manual pages' index) are left pending.
+vx_install() {
+    chroot "$ROOT" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin \
+        /usr/bin/dpkg -i --no-triggers "/run/vxsim/scenario/$1"
 }
 
 # vx_kmsg FILE: every record now in the kernel log, in /dev/kmsg format.

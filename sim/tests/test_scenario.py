@@ -100,6 +100,16 @@ class BatchTest(unittest.TestCase):
             with self.assertRaisesRegex(SimError, "^d: batch is missing"):
                 load_batches(d)
 
+    def test_architectures_select_batches_and_are_a_files_own(self):
+        with tempfile.TemporaryDirectory() as d:
+            write(d, {"a": 'batch = "x"\narchitectures = ["amd64"]\n[expect]\nstatus = 0\n',
+                      "b": 'batch = "x"\nbase = "a"\n'})
+            self.assertEqual([s.name for s in load_batches(d, "arm64")["x"]], ["b"])
+            self.assertEqual([s.name for s in load_batches(d, "amd64")["x"]], ["a", "b"])
+            write(d, {"c": 'batch = "x"\narchitectures = ["riscv64"]\n'})
+            with self.assertRaisesRegex(SimError, "^c: architectures must name some of amd64, arm64"):
+                load_batches(d)
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -180,50 +180,35 @@ def read_results(sdir, collect, fault_kinds=()):
     return result
 
 
-def qemu_command(memory, cmdline, vmlinux, rundir):
-    # The register space of the AVS block reserved, so that /dev/mem may map it
-    # (the kernel restricts /dev/mem to what is not RAM); MemTotal is 35 MiB less.
-    append = (f"console=ttyS0 panic=-1 quiet loglevel=4 mitigations=off "
-              f"memmap=0x2300000$0x08000000 {cmdline}").strip()
-    return ["qemu-system-x86_64", "-nodefaults", "-no-user-config", "-machine", "pc",
-            "-accel", "tcg", "-m", memory, "-smp", "1", "-display", "none", "-no-reboot",
-            "-serial", "file:" + os.path.join(rundir, "console.log"), "-monitor", "none",
-            "-kernel", vmlinux, "-initrd", os.path.join(rundir, "initramfs.cpio"),
-            "-append", append,
-            # The player's Ethernet port, without a network behind it.
-            "-device", "vmxnet3,id=nic0",
-            "-virtfs", "local,path=/,mount_tag=hostroot,security_model=none,readonly=on,multidevs=remap",
-            "-virtfs", f"local,path={rundir},mount_tag=vxsim,security_model=none"]
-
-
-def prepare_boot(scenarios, moddir, programs, rundir):
+def prepare_boot(scenarios, moddir, programs, rundir, board, userland):
     """A fresh run directory with the initramfs, every scenario's inputs
     and the batch script."""
     shutil.rmtree(rundir, ignore_errors=True)
     os.makedirs(rundir)
-    build_initramfs(moddir, os.path.join(rundir, "initramfs.cpio"))
+    build_initramfs(moddir, os.path.join(rundir, "initramfs.cpio"), userland.busybox)
+    image_tool = board.host_program(programs["vxtool"], rundir) if "vxtool" in programs else None
     named = []
     for s in scenarios:
         sdir = os.path.join(rundir, s.name)
         os.makedirs(sdir)
-        named.append((s.name, prepare_scenario(s, sdir, programs)))
+        named.append((s.name, prepare_scenario(s, sdir, programs, board, image_tool)))
     with open(os.path.join(rundir, "batch.sh"), "w") as f:
-        f.write(batch_script(named))
+        f.write(batch_script(named, len(userland.layers)))
 
 
-def run_boot(scenarios, kernel, programs, rundir, timeout, log):
-    """Boots the guest once for scenarios that share their [boot] table;
+def run_boot(scenarios, kernel, programs, rundir, timeout, log, board, userland):
+    """Boots the board's guest once for scenarios that share their [boot] table;
     returns {name: Result or None} and logs the boot's timing, and the end
     of the guest's logs when the boot failed. Without a timeout the boot
     may take boot_timeout(scenarios) seconds."""
     vmlinux, moddir = kernel
     timeout = timeout or boot_timeout(scenarios)
-    prepare_boot(scenarios, moddir, programs, rundir)
+    prepare_boot(scenarios, moddir, programs, rundir, board, userland)
     memory, cmdline = scenarios[0].boot_key()
+    command = board.qemu_command(memory, cmdline, vmlinux, rundir, userland.layers)
     start = time.monotonic()
     try:
-        p = subprocess.run(qemu_command(memory, cmdline, vmlinux, rundir),
-                           capture_output=True, text=True, timeout=timeout)
+        p = subprocess.run(command, capture_output=True, text=True, timeout=timeout)
         qemu_error = p.stderr.strip() if p.returncode != 0 else ""
     except subprocess.TimeoutExpired:
         qemu_error = f"the guest did not finish within {timeout} s"
@@ -238,10 +223,10 @@ def run_boot(scenarios, kernel, programs, rundir, timeout, log):
     t_init, t_done = uptime("init-uptime"), uptime("done")
     names = ", ".join(s.name for s in scenarios)
     if t_init is not None and t_done is not None:
-        log(f"vxsim: boot [{names}] ({memory}): /init at {t_init:.1f} s, "
+        log(f"vxsim: boot [{names}] ({board.architecture}, {memory}): /init at {t_init:.1f} s, "
             f"results at {t_done:.1f} s guest time; {wall:.1f} s on the host")
     else:
-        log(f"vxsim: boot [{names}] ({memory}) failed after {wall:.1f} s on the host")
+        log(f"vxsim: boot [{names}] ({board.architecture}, {memory}) failed after {wall:.1f} s on the host")
     if qemu_error or t_done is None:
         if qemu_error:
             log("vxsim: qemu: " + qemu_error)

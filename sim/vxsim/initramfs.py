@@ -1,11 +1,11 @@
-"""The guest's initramfs: an uncompressed newc archive holding the static
-busybox, the guest scripts, the kernel modules and /dev/console."""
+"""The guest's initramfs: an uncompressed newc archive holding a static
+busybox of the guest's architecture, the guest scripts, the kernel modules
+and /dev/console."""
 
 import os
 
 from . import GUEST_DIR
 
-BUSYBOX = "/bin/busybox"
 # The guest's own files (from sim/guest), in the archive's top directory.
 GUEST_FILES = [("init", 0o755), ("player.sh", 0o644)]
 
@@ -27,15 +27,16 @@ def cpio_newc(entries):
     return bytes(out)
 
 
-def build_initramfs(moddir, path):
-    """Writes the archive for a boot: the guest scripts at the top, the
-    modules and their load order under modules/."""
+def build_initramfs(moddir, path, busybox):
+    """Writes the archive for a boot: busybox (a static one, from its path
+    on the host), the guest scripts at the top, the modules and their load
+    order under modules/."""
     def read(p):
         with open(p, "rb") as f:
             return f.read()
     entries = [(d, 0o40755, b"", (0, 0)) for d in ("bin", "dev", "modules")]
     entries.append(("dev/console", 0o20600, b"", (5, 1)))
-    entries.append(("bin/busybox", 0o100755, read(BUSYBOX), (0, 0)))
+    entries.append(("bin/busybox", 0o100755, read(busybox), (0, 0)))
     for name, mode in GUEST_FILES:
         entries.append((name, 0o100000 | mode, read(os.path.join(GUEST_DIR, name)), (0, 0)))
     for fn in sorted(os.listdir(moddir)):

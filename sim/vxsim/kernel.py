@@ -1,7 +1,9 @@
-"""The guest's kernel: the distribution's own image package, fetched with
-apt into the build tree once per kernel release, and the modules the guest
-loads, with everything they depend on; and the GPIO chip's module, built
-for that kernel by sim/hw/kmod.py."""
+"""The guest's kernel: the distribution's own image package for the board's
+architecture, fetched with apt into the build tree once per kernel release,
+and the modules the guest loads, with everything they depend on; and the
+GPIO chip's module, built for that kernel by sim/hw/kmod.py. The arm64
+kernel has no raw NAND stack: kmod.py builds it and nandsim from the
+distribution's kernel source."""
 
 import fcntl
 import gzip
@@ -14,12 +16,12 @@ import sys
 import tempfile
 import zlib
 
-from . import SIM_DIR, SimError
+from . import SIM_DIR, SimError, apt_download, run_command
+from .board import BOARDS
 
 sys.path.insert(0, os.path.join(SIM_DIR, "hw"))
 import kmod  # noqa: E402  (sim/hw/kmod.py)
 
-KERNEL_METAPACKAGE = "linux-image-amd64"
 # Modules the guest loads, with everything they depend on: virtio and 9p for
 # the shares, overlayfs for the scenario roots, the NAND simulator, the
 # Ethernet NIC's driver (vmxnet3 takes any address, even the invalid ones
@@ -30,19 +32,13 @@ MODULE_ROOTS = ["virtio_pci", "9pnet_virtio", "9p", "overlay", "nandsim", "vmxne
 GPIO_MODULE = "vxgpio.ko"
 
 
-def _run(cmd, **kw):
-    p = subprocess.run(cmd, capture_output=True, text=True, **kw)
-    if p.returncode != 0:
-        raise SimError(f"{' '.join(cmd)} failed ({p.returncode}): {p.stderr.strip()}")
-    return p.stdout
-
-
-def resolve_kernel_package():
-    """The versioned kernel image package the metapackage depends on."""
-    out = _run(["apt-cache", "depends", KERNEL_METAPACKAGE])
-    m = re.search(r"^\s*\|?Depends:\s*(linux-image-\d\S*)$", out, re.M)
+def resolve_kernel_package(metapackage):
+    """The versioned kernel image package the metapackage depends on (the
+    architecture qualifier apt adds for a foreign one left out)."""
+    out = run_command(["apt-cache", "depends", metapackage])
+    m = re.search(r"^\s*\|?Depends:\s*(linux-image-\d[^\s:]*)(:[a-z0-9]+)?$", out, re.M)
     if not m:
-        raise SimError(f"apt-cache names no kernel image behind {KERNEL_METAPACKAGE}")
+        raise SimError(f"apt-cache names no kernel image behind {metapackage}")
     return m.group(1)
 
 
@@ -108,13 +104,16 @@ def module_load_order(roots, depends):
     return order
 
 
-def _install_modules(tree, dest):
+def _install_modules(tree, dest, extra=()):
+    """The roots and their dependencies from the package's module tree and
+    the extra module files, into dest with their load order."""
     paths = {}
     for dirpath, _, filenames in os.walk(tree):
         for fn in filenames:
             n = _module_name(fn)
             if n:
                 paths[n] = os.path.join(dirpath, fn)
+    paths.update((_module_name(os.path.basename(p)), p) for p in extra)
     blobs = {}
 
     def depends(n):
@@ -134,17 +133,18 @@ def _install_modules(tree, dest):
         f.write("\n".join(order) + "\n")
 
 
-def ensure_kernel(build_dir, log=print):
-    """Fetches and unpacks the distribution kernel into the build directory
-    (once per kernel release) and puts the GPIO chip's module, built for it,
-    next to its modules; returns (vmlinux path, module directory). Without
-    apt lists the newest cached kernel serves."""
-    cache = os.path.join(build_dir, "sim", "kernel")
+def ensure_kernel(build_dir, log=print, board=BOARDS["amd64"]):
+    """Fetches and unpacks the board's distribution kernel into the build
+    directory (once per kernel release) and puts the GPIO chip's module,
+    built for it, next to its modules; returns (kernel image path, module
+    directory). Without apt lists the newest cached kernel serves."""
+    arm64 = board.architecture == "arm64"
+    cache = os.path.join(build_dir, "sim", "kernel-arm64" if arm64 else "kernel")
     os.makedirs(cache, exist_ok=True)
     with open(os.path.join(cache, "lock"), "w") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
         try:
-            package = resolve_kernel_package()
+            package = resolve_kernel_package(board.kernel_metapackage)
         except (SimError, OSError) as e:
             cached = sorted(d for d in os.listdir(cache) if os.path.isfile(os.path.join(cache, d, "ready")))
             if not cached:
@@ -152,11 +152,14 @@ def ensure_kernel(build_dir, log=print):
             package = cached[-1]
             log(f"vxsim: {e}; using the cached {package}")
         kdir = os.path.join(cache, package)
-        vmlinux, moddir = os.path.join(kdir, "vmlinux"), os.path.join(kdir, "modules")
+        # amd64: the ELF inside the bzImage; arm64: the Image as it is.
+        vmlinux = os.path.join(kdir, "Image" if arm64 else "vmlinux")
+        moddir = os.path.join(kdir, "modules")
         ready = os.path.join(kdir, "ready")
         if not (os.path.exists(ready) and open(ready).read() == " ".join(MODULE_ROOTS)):
             log(f"vxsim: fetching {package} into {kdir}")
-            _unpack(package, kdir, vmlinux, moddir)
+            extra = _build_nand(build_dir, package, log) if arm64 else ()
+            _unpack(package, kdir, vmlinux, moddir, extra)
             with open(ready, "w") as f:
                 f.write(" ".join(MODULE_ROOTS))
             for other in os.listdir(cache):   # kernels of earlier releases
@@ -182,26 +185,33 @@ def _install_gpio_module(build_dir, package, moddir, log):
         os.replace(target + ".tmp", target)
 
 
-def _unpack(package, kdir, vmlinux, moddir):
+def _build_nand(build_dir, package, log):
+    """The raw NAND stack and nandsim, built for the kernel."""
+    try:
+        return kmod.build_nand(build_dir, package, log=log)
+    except kmod.KmodError as e:
+        raise SimError(f"the NAND simulator's modules: {e}") from e
+
+
+def _unpack(package, kdir, vmlinux, moddir, extra=()):
     """Downloads the package into kdir (unless it is there) and keeps the
-    uncompressed kernel and the modules from it."""
+    kernel and the modules from it (with the extra module files)."""
     os.makedirs(kdir, exist_ok=True)
     debs = [f for f in os.listdir(kdir) if f.endswith(".deb")]
     if not debs:
-        cmd = ["apt-get", "download", package]
-        if os.geteuid() == 0:
-            cmd[1:1] = ["-o", "APT::Sandbox::User=root"]
-        _run(cmd, cwd=kdir)
+        apt_download([package], kdir)
         debs = [f for f in os.listdir(kdir) if f.endswith(".deb")]
     with tempfile.TemporaryDirectory(dir=kdir) as tree:
-        _run(["dpkg-deb", "-x", os.path.join(kdir, debs[0]), tree])
+        run_command(["dpkg-deb", "-x", os.path.join(kdir, debs[0]), tree])
         vmlinuz = [f for f in os.listdir(os.path.join(tree, "boot")) if f.startswith("vmlinuz")]
         if not vmlinuz:
             raise SimError(f"{package} holds no vmlinuz")
         with open(os.path.join(tree, "boot", vmlinuz[0]), "rb") as f:
-            elf = extract_vmlinux(f.read())
+            image = f.read()
+        if os.path.basename(vmlinux) == "vmlinux":
+            image = extract_vmlinux(image)
         with open(vmlinux + ".tmp", "wb") as f:
-            f.write(elf)
+            f.write(image)
         os.replace(vmlinux + ".tmp", vmlinux)
         shutil.rmtree(moddir, ignore_errors=True)
-        _install_modules(os.path.join(tree, "lib", "modules"), moddir)
+        _install_modules(os.path.join(tree, "lib", "modules"), moddir, extra)

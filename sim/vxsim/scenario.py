@@ -27,6 +27,8 @@ MASK_MAX = 0xFFFFFFFF  # GPIO masks: 32 lines or pins, bit n for line or pin n
 EPOCHS = ("write", "open", "start")  # see Input.epoch
 
 NAME = r"[A-Za-z0-9][A-Za-z0-9._-]*"
+# The simulated players, by Debian architecture (board.py).
+ARCHITECTURES = ("amd64", "arm64")
 
 
 @dataclass
@@ -98,6 +100,13 @@ class Splash:
 
 
 @dataclass
+class Install:
+    """Debian packages of the build (by name) that the player's dpkg
+    installs into the scenario's root before the program runs."""
+    packages: list[str] = field(default_factory=list)
+
+
+@dataclass
 class Run:
     program: str = "vx-hwcheck"
     args: list[str] = field(default_factory=list)
@@ -162,14 +171,17 @@ class Scenario:
     boot: Boot = field(default_factory=Boot)
     flash: list[Flash] = field(default_factory=list)
     proc: dict[str, str] = field(default_factory=dict)
-    files: dict[str, str] = field(default_factory=dict)
+    files: dict[str, str | bool] = field(default_factory=dict)  # False: removed from the root
     net: Net = field(default_factory=Net)
     gpio: Gpio = field(default_factory=Gpio)
     avs: Avs = field(default_factory=Avs)
     input: Input | None = None  # None: no event device
     splash: Splash = field(default_factory=Splash)
+    install: Install = field(default_factory=Install)
     run: Run = field(default_factory=Run)
     faults: Faults | None = None  # None: no fault sweep
+    # The players the scenario runs on; a file's own, never inherited.
+    architectures: tuple[str, ...] = ARCHITECTURES
 
     def boot_key(self):
         """Scenarios with equal keys can share one boot."""
@@ -298,13 +310,14 @@ def parse_flash_list(doc):
 
 def parse_texts(t, absolute):
     """[proc] and [files]: paths mapped to their contents; false leaves out
-    a file that the base scenario gives."""
+    a file that the base scenario gives ([files]: or that the host's root
+    has, kept as False)."""
     for path, content in t.data.items():
         if not (isinstance(content, str) or content is False) or ".." in path.split("/"):
             raise t.error(f"'{path}' must be a text (or false) and a plain path")
         if absolute and not path.startswith("/"):
             raise t.error("paths must be absolute")
-    return {path: content for path, content in t.data.items() if content is not False}
+    return {path: content for path, content in t.data.items() if content is not False or absolute}
 
 
 def parse_net(t):
@@ -362,6 +375,14 @@ def parse_splash(t):
     splash = Splash(reader=t.take("reader", bool, False))
     t.done()
     return splash
+
+
+def parse_install(t):
+    install = Install(packages=t.texts("packages", []))
+    t.done()
+    if not all(re.fullmatch(NAME, p) for p in install.packages):
+        raise t.error("packages must be package names")
+    return install
 
 
 def parse_run(t):
@@ -455,9 +476,13 @@ def parse_scenario(name, data):
         raise doc.error("batch is missing: every scenario names the batch it runs in")
     if not re.fullmatch(NAME, batch):
         raise doc.error("batch must be letters, digits, '.', '_' and '-'")
+    architectures = doc.texts("architectures", list(ARCHITECTURES))
+    if not architectures or not set(architectures) <= set(ARCHITECTURES):
+        raise doc.error(f"architectures must name some of {', '.join(ARCHITECTURES)}")
     s = Scenario(
         name=name,
         batch=batch,
+        architectures=tuple(architectures),
         description=doc.take("description", str, ""),
         boot=parse_boot(doc.table("boot")),
         flash=parse_flash_list(doc),
@@ -468,6 +493,7 @@ def parse_scenario(name, data):
         avs=parse_avs(doc.table("avs")),
         input=parse_input(doc.table("input")) if "input" in doc else None,
         splash=parse_splash(doc.table("splash")),
+        install=parse_install(doc.table("install")),
         run=parse_run(doc.table("run")),
         faults=parse_faults(doc.table("faults")) if "faults" in doc else None,
         expect=parse_expect(doc.table("expect")),
@@ -531,7 +557,8 @@ def scenario_path(arg):
 
 def read_scenario_data(path, seen=()):
     """A scenario file's tables, merged over those of its base. A file's
-    description and batch are its own; they are not inherited."""
+    description, batch and architectures are its own; they are not
+    inherited."""
     if path in seen:
         raise SimError(f"scenario {path} is its own base")
     try:
@@ -549,8 +576,8 @@ def read_scenario_data(path, seen=()):
     if os.sep not in base and not base.endswith(".toml"):
         base = os.path.join(os.path.dirname(path), base + ".toml")
     inherited = read_scenario_data(base, seen + (path,))
-    inherited.pop("description", None)
-    inherited.pop("batch", None)
+    for own in ("description", "batch", "architectures"):
+        inherited.pop(own, None)
     return merge(inherited, data)
 
 
@@ -562,14 +589,16 @@ def load_scenario(arg):
     return parse_scenario(name, read_scenario_data(path))
 
 
-def load_batches(directory=SCENARIO_DIR):
-    """Every scenario file of the directory, by batch: {batch: [scenario]},
-    batches and their scenarios in the order of their names."""
+def load_batches(directory=SCENARIO_DIR, architecture=None):
+    """Every scenario file of the directory (those for the architecture,
+    when one is given), by batch: {batch: [scenario]}, batches and their
+    scenarios in the order of their names."""
     batches = {}
     for fn in sorted(os.listdir(directory)):
         if fn.endswith(".toml"):
             s = load_scenario(os.path.join(directory, fn))
-            batches.setdefault(s.batch, []).append(s)
+            if architecture is None or architecture in s.architectures:
+                batches.setdefault(s.batch, []).append(s)
     return dict(sorted(batches.items()))
 
 

@@ -10,13 +10,16 @@ splash reader) is a function in COMPANIONS instead, which returns the steps
 that start it before the program and those that stop it after.
 """
 
+import glob
 import os
 import shlex
+import shutil
 import struct
 import subprocess
 from dataclasses import dataclass
 
 from . import TEST_KEYS_DIR, SimError
+from .board import BOARDS, Board
 from .scenario import ERASE_SIZE, OOB_SIZE, PAGE_SIZE
 
 q = shlex.quote
@@ -24,9 +27,13 @@ q = shlex.quote
 
 @dataclass
 class Setup:
-    """Where a scenario's inputs go (sdir/in) and the programs it uses."""
+    """Where a scenario's inputs go (sdir/in), the programs it uses (their
+    paths for the guest), the board, and the command that runs vxtool on
+    the host to make images."""
     sdir: str
     programs: dict[str, str]
+    board: Board
+    image_tool: str | None
 
     @property
     def indir(self):
@@ -57,7 +64,7 @@ def make_image(scenario, flash, output, setup):
     """Makes a partition's logical image on the host with the project's own
     tool: one vxtool command, or a factory script of several steps. Images
     are never checked in."""
-    image, vxtool = flash.image, setup.programs["vxtool"]
+    image, vxtool = flash.image, setup.image_tool
     if image.script is not None:
         env = dict(os.environ, VXTOOL=vxtool, OUTPUT=output, ERASE_SIZE=str(ERASE_SIZE),
                    PAGE_SIZE=str(PAGE_SIZE), BLOCKS=str(flash.blocks),
@@ -74,9 +81,11 @@ def make_image(scenario, flash, output, setup):
 
 
 def root_steps(s, setup):
-    """The scenario's own root, holding its [files]."""
-    setup.write("root", s.files)
-    return [f"vx_begin {q(s.name)}"]
+    """The scenario's own root, holding its [files], without those it
+    gives as false."""
+    setup.write("root", {p: c for p, c in s.files.items() if c is not False})
+    removed = [p for p, c in s.files.items() if c is False]
+    return [f"vx_begin {q(s.name)}"] + (["vx_remove " + " ".join(q(p) for p in removed)] if removed else [])
 
 
 def chip_faults(flash):
@@ -126,12 +135,30 @@ def gpio_steps(s, setup):
 
 
 def avs_steps(s, setup):
-    """The AVS status block as the scenario gives it (zeros by default)."""
+    """The AVS status block as the scenario gives it (zeros by default);
+    the arm64 board's reads as zeros (board.py)."""
+    if setup.board.architecture != "amd64":
+        return []
     block = os.path.join(setup.sdir, "in", "avs.bin")
     os.makedirs(os.path.dirname(block), exist_ok=True)
     with open(block, "wb") as f:
         f.write(struct.pack("<18I", *s.avs.words))
     return ["vx_avs in/avs.bin"]
+
+
+def install_steps(s, setup):
+    """The [install] packages, each the one file of that name for the
+    board's architecture in the build's package directory."""
+    steps = []
+    for name in s.install.packages:
+        directory = setup.programs.get("packages", "")
+        debs = glob.glob(os.path.join(glob.escape(directory), f"{name}_*_{setup.board.architecture}.deb"))
+        if len(debs) != 1:
+            raise SimError(f"{s.name}: {len(debs)} packages {name}_*_{setup.board.architecture}.deb "
+                           f"in {directory or 'no package directory'}; build them first")
+        shutil.copyfile(debs[0], os.path.join(setup.indir, name + ".deb"))
+        steps.append(f"vx_install in/{q(name)}.deb")
+    return steps
 
 
 def input_companion(s, setup):
@@ -222,22 +249,26 @@ def fault_steps(s, setup):
     return steps + ["vx_fault_sweep " + " ".join(q(w) for w in words)]
 
 
-STEPS = [root_steps, chip_steps, proc_steps, flash_steps, net_steps, gpio_steps, avs_steps, run_steps,
-         collect_steps, fault_steps]
+STEPS = [root_steps, chip_steps, proc_steps, flash_steps, net_steps, gpio_steps, avs_steps, install_steps,
+         run_steps, collect_steps, fault_steps]
 
 
-def prepare_scenario(s, sdir, programs):
-    """Writes the scenario's inputs below sdir and returns its steps."""
-    setup = Setup(sdir, programs)
+def prepare_scenario(s, sdir, programs, board=BOARDS["amd64"], image_tool=None):
+    """Writes the scenario's inputs below sdir and returns its steps; images
+    are made with image_tool, by default the build's vxtool."""
+    setup = Setup(sdir, programs, board, image_tool or programs.get("vxtool"))
     os.makedirs(setup.indir, exist_ok=True)
     return [step for emit in STEPS for step in emit(s, setup)]
 
 
-def batch_script(names_steps):
-    """The guest's script for one boot: each scenario's steps run in a
-    subshell that stops at the first failing step, then its root is torn
-    down whatever happened."""
+def batch_script(names_steps, layers=0):
+    """The guest's script for one boot: the shared layers of the scenario
+    roots mounted (layers: how many, see board.py), then each scenario's
+    steps in a subshell that stops at the first failing step, then its root
+    torn down whatever happened."""
     out = ["# Written by vxsim for one boot of the simulated player."]
+    if layers:
+        out.append(f"vx_layers {layers} || exit 1")
     for name, steps in names_steps:
         n = q(name)
         out.append("( set -e\n  " + "\n  ".join(steps) + f"\n) > /vx/{n}/setup.log 2>&1\n"
@@ -249,8 +280,8 @@ def batch_script(names_steps):
 def programs_used(scenarios):
     """The named programs (not absolute paths) that the scenarios need from
     the build: the programs they run, vxtool when any image is made,
-    vxevdev when any has an event device and the fault injector when any
-    has a fault sweep."""
+    vxevdev when any has an event device, the fault injector when any
+    has a fault sweep and the package directory when any installs one."""
     used = {s.run.program for s in scenarios if not s.run.program.startswith("/")}
     if any(f.image for s in scenarios for f in s.flash):
         used.add("vxtool")
@@ -258,4 +289,6 @@ def programs_used(scenarios):
         used.add("vxevdev")
     if any(s.faults for s in scenarios):
         used.add("vxfault")
+    if any(s.install.packages for s in scenarios):
+        used.add("packages")
     return sorted(used)

@@ -33,7 +33,10 @@
  * path, counting starts at the program's first open of that path (which
  * is the first open counted); the calls before it are made, uncounted.
  *
- * x86-64 only: the register layout of the trapped call is that ABI's.
+ * x86-64 and AArch64: the registers of the trapped call are read as the
+ * architecture's system-call convention lays them out (REGISTERS below).
+ * AArch64 has no open, creat or readlink calls; its programs open with
+ * openat.
  */
 #define _GNU_SOURCE
 #include <errno.h>
@@ -51,27 +54,53 @@
 #include <ucontext.h>
 #include <unistd.h>
 
-#if !defined(__x86_64__)
-#error "vxfault reads the trapped call's registers as x86-64 lays them out"
-#endif
-
 /* raw_syscall(nr, a0..a5): the one system-call instruction the filter lets
- * through; raw_syscall_return is the address the kernel reports for it. */
+ * through; raw_syscall_return is the address the kernel reports for it (the
+ * instruction after it, on both architectures). */
 long raw_syscall(long nr, long a0, long a1, long a2, long a3, long a4, long a5);
 extern const char raw_syscall_return[];
+#if defined(__x86_64__)
+#define RAW_SYSCALL_BODY \
+    "  mov %rdi, %rax\n"  \
+    "  mov %rsi, %rdi\n"  \
+    "  mov %rdx, %rsi\n"  \
+    "  mov %rcx, %rdx\n"  \
+    "  mov %r8, %r10\n"   \
+    "  mov %r9, %r8\n"    \
+    "  mov 8(%rsp), %r9\n" \
+    "  syscall\n"
+#define RAW_SYSCALL_TYPE "@function"
+#define FILTER_ARCH AUDIT_ARCH_X86_64
+/* The trapped call's number is the signal's; its arguments and result are
+ * in the registers of the interrupted context. */
+#define REGISTERS(context) ((context)->uc_mcontext.gregs)
+#define ARGUMENTS(r) {r[REG_RDI], r[REG_RSI], r[REG_RDX], r[REG_R10], r[REG_R8], r[REG_R9]}
+#define RESULT(r) (r[REG_RAX])
+#elif defined(__aarch64__)
+#define RAW_SYSCALL_BODY \
+    "  mov x8, x0\n"     \
+    "  mov x0, x1\n"     \
+    "  mov x1, x2\n"     \
+    "  mov x2, x3\n"     \
+    "  mov x3, x4\n"     \
+    "  mov x4, x5\n"     \
+    "  mov x5, x6\n"     \
+    "  svc #0\n"
+#define RAW_SYSCALL_TYPE "%function"
+#define FILTER_ARCH AUDIT_ARCH_AARCH64
+/* x0 holds the first argument again when the handler runs (the kernel rolls
+ * the trapped call back) and takes the result. */
+#define REGISTERS(context) ((long*)(context)->uc_mcontext.regs)
+#define ARGUMENTS(r) {r[0], r[1], r[2], r[3], r[4], r[5]}
+#define RESULT(r) (r[0])
+#else
+#error "vxfault reads the trapped call's registers as x86-64 or AArch64 lays them out"
+#endif
 __asm__(".text\n"
         ".globl raw_syscall\n"
         ".hidden raw_syscall\n"
-        ".type raw_syscall, @function\n"
-        "raw_syscall:\n"
-        "  mov %rdi, %rax\n"
-        "  mov %rsi, %rdi\n"
-        "  mov %rdx, %rsi\n"
-        "  mov %rcx, %rdx\n"
-        "  mov %r8, %r10\n"
-        "  mov %r9, %r8\n"
-        "  mov 8(%rsp), %r9\n"
-        "  syscall\n"
+        ".type raw_syscall, " RAW_SYSCALL_TYPE "\n"
+        "raw_syscall:\n" RAW_SYSCALL_BODY
         ".globl raw_syscall_return\n"
         ".hidden raw_syscall_return\n"
         "raw_syscall_return:\n"
@@ -86,8 +115,10 @@ static const struct {
     int kind;
     const char* name;
 } CALLS[] = {
-    {SYS_open, OPEN, "open"},         {SYS_openat, OPEN, "openat"},
-    {SYS_openat2, OPEN, "openat2"},   {SYS_creat, OPEN, "creat"},
+#ifdef SYS_open
+    {SYS_open, OPEN, "open"},         {SYS_creat, OPEN, "creat"},
+#endif
+    {SYS_openat, OPEN, "openat"},     {SYS_openat2, OPEN, "openat2"},
     {SYS_read, READ, "read"},         {SYS_pread64, READ, "pread64"},
     {SYS_readv, READ, "readv"},       {SYS_preadv, READ, "preadv"},
     {SYS_preadv2, READ, "preadv2"},   {SYS_ioctl, IOCTL, "ioctl"},
@@ -135,10 +166,10 @@ static void put_target(struct line* l, int kind, long nr, const long* a)
 {
     long fd = a[0];
     const char* path = NULL;
-    if (nr == SYS_open || nr == SYS_creat)
-        path = (const char*)a[0];
-    else if (nr == SYS_openat || nr == SYS_openat2)
+    if (nr == SYS_openat || nr == SYS_openat2)
         path = (const char*)a[1];
+    else
+        path = (const char*)a[0]; /* open, creat */
     if (kind == OPEN) {
         put(l, path ? path : "?");
         return;
@@ -156,7 +187,7 @@ static void put_target(struct line* l, int kind, long nr, const long* a)
     name.text[name.length] = '\0';
     strcat(link, name.text);
     char target[512];
-    const long n = raw_syscall(SYS_readlink, (long)link, (long)target, sizeof target - 1, 0, 0, 0);
+    const long n = raw_syscall(SYS_readlinkat, AT_FDCWD, (long)link, (long)target, sizeof target - 1, 0, 0);
     put(l, "fd=");
     put(l, name.text);
     put(l, ":");
@@ -194,9 +225,9 @@ static void log_fault(int kind, unsigned long nth, long nr, const char* name, co
 static void on_sigsys(int signal, siginfo_t* info, void* context)
 {
     (void)signal;
-    greg_t* r = ((ucontext_t*)context)->uc_mcontext.gregs;
+    long* r = (long*)REGISTERS((ucontext_t*)context);
     const long nr = info->si_syscall;
-    const long a[6] = {r[REG_RDI], r[REG_RSI], r[REG_RDX], r[REG_R10], r[REG_R8], r[REG_R9]};
+    const long a[6] = ARGUMENTS(r);
     for (size_t i = 0; i < NCALLS; ++i) {
         if (CALLS[i].nr != nr)
             continue;
@@ -210,12 +241,12 @@ static void on_sigsys(int signal, siginfo_t* info, void* context)
         const unsigned long nth = __atomic_add_fetch(&g_counts[kind], 1, __ATOMIC_SEQ_CST);
         if (kind == g_fault_kind && nth == g_fault_nth) {
             log_fault(kind, nth, nr, CALLS[i].name, a);
-            r[REG_RAX] = -g_fault_errno;
+            RESULT(r) = -g_fault_errno;
             return;
         }
         break;
     }
-    r[REG_RAX] = raw_syscall(nr, a[0], a[1], a[2], a[3], a[4], a[5]);
+    RESULT(r) = raw_syscall(nr, a[0], a[1], a[2], a[3], a[4], a[5]);
 }
 
 static void fail_setup(const char* what)
@@ -258,7 +289,7 @@ __attribute__((constructor)) static void install(void)
     const unsigned long at = (unsigned long)raw_syscall_return;
     struct sock_filter filter[11 + NCALLS] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, arch)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AUDIT_ARCH_X86_64, 1, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, FILTER_ARCH, 1, 0),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
         /* This library's own instruction. */
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, instruction_pointer)),

@@ -3,6 +3,7 @@
 // included); scratch directories; the test programs' own kernel log.
 #pragma once
 
+#include <cstdlib>
 #include <string>
 #include <utility>
 #include <vector>
@@ -37,13 +38,15 @@ struct Sandbox;
 
 // The command line that runs one of this build's programs with args. A cross
 // build's programs are the player's: the emulator that runs the tests
-// (VX_TEST_EMULATOR, a list of words) runs them too.
+// (VX_TEST_EMULATOR, a list of words) runs them too, unless VXTEST_NATIVE is
+// set, where the tests themselves run on the player (the arm64 simulated
+// player's device batch).
 inline std::vector<std::string> Built(const std::string& program, const std::vector<std::string>& args = {})
 {
-#ifdef VX_TEST_EMULATOR
-    std::vector<std::string> command{VX_TEST_EMULATOR};
-#else
     std::vector<std::string> command;
+#ifdef VX_TEST_EMULATOR
+    if (!std::getenv("VXTEST_NATIVE"))
+        command = {VX_TEST_EMULATOR};
 #endif
     command.push_back(program);
     command.insert(command.end(), args.begin(), args.end());
