@@ -46,11 +46,7 @@ constexpr std::pair<std::uint64_t, const char*> KNOWN_BITS[] = {
 int Run(const Arguments& arguments)
 {
     Arguments args = arguments;
-    std::string boardid;
-    if (TakeOption(args, "--boardid", boardid))
-        ToolContext::Get().UseFile(BOARD_ID_PATH, boardid);
-    TakePrefixedPartition(args, "env", BOOTLOADER_ENVIRONMENT_PARTITION);
-    TakePrefixedPartition(args, "devdata", DEVICE_DATA_PARTITION);
+    TakeSavedPlayer(args, {SAVED_BOARD_ID}, {SAVED_ENVIRONMENT, SAVED_DEVICE_DATA});
     ExpectNoMoreArguments(args);
 
     const HardwareConfig config;

@@ -47,21 +47,13 @@ int Run(const Arguments& arguments)
     Arguments args = arguments;
     ToolContext& context = ToolContext::Get();
     std::string value;
-    for (const auto& [option, live_path] : {std::pair{"--boardid", BOARD_ID_PATH},
-                                            {"--meminfo", "/proc/meminfo"},
-                                            {"--version-file", VERSION_FILE_PATH},
-                                            {"--mem", "/dev/mem"}}) {
-        if (TakeOption(args, option, value))
-            context.UseFile(live_path, value);
-    }
+    TakeSavedPlayer(args,
+                    {SAVED_BOARD_ID, {"--meminfo", "/proc/meminfo"}, SAVED_VERSION_FILE, {"--mem", "/dev/mem"}},
+                    {SAVED_ENVIRONMENT, SAVED_DEVICE_DATA, SAVED_BOOTLOADER, SAVED_RESCUE_KERNEL});
     if (TakeOption(args, "--sys", value))
         context.UseTree("/sys", value);
     if (TakeOption(args, "--eth0-address", value))
         context.UseInterfaceAddress(ETHERNET_INTERFACE, ParseAddress(value));
-    TakePrefixedPartition(args, "env", BOOTLOADER_ENVIRONMENT_PARTITION);
-    TakePrefixedPartition(args, "devdata", DEVICE_DATA_PARTITION);
-    TakePrefixedPartition(args, "bolt", BOOTLOADER_PARTITION);
-    TakePrefixedPartition(args, "rescue", RESCUE_KERNEL_PARTITION);
     ExpectNoMoreArguments(args);
 
     const HardwareConfig config;

@@ -25,15 +25,8 @@ constexpr const char* USAGE =
 int Run(const Arguments& arguments)
 {
     Arguments args = arguments;
-    std::string file;
-    if (TakeOption(args, "--boardid", file))
-        ToolContext::Get().UseFile(BOARD_ID_PATH, file);
-    if (TakeOption(args, "--version-file", file))
-        ToolContext::Get().UseFile(VERSION_FILE_PATH, file);
-    TakePrefixedPartition(args, "bolt", BOOTLOADER_PARTITION);
-    TakePrefixedPartition(args, "rescue", RESCUE_KERNEL_PARTITION);
-    TakePrefixedPartition(args, "env", BOOTLOADER_ENVIRONMENT_PARTITION);
-    TakePrefixedPartition(args, "devdata", DEVICE_DATA_PARTITION);
+    TakeSavedPlayer(args, {SAVED_BOARD_ID, SAVED_VERSION_FILE},
+                    {SAVED_BOOTLOADER, SAVED_RESCUE_KERNEL, SAVED_ENVIRONMENT, SAVED_DEVICE_DATA});
     ExpectNoMoreArguments(args);
 
     // The boot-loader version comes from the hardware configuration, as in

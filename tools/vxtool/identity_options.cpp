@@ -46,4 +46,16 @@ void TakePrefixedPartition(Arguments& args, const std::string& prefix, const std
         ToolContext::Get().UsePartition(name, OpenSource(source));
 }
 
+void TakeSavedPlayer(Arguments& args, std::initializer_list<SavedFile> files,
+                     std::initializer_list<SavedPartition> partitions)
+{
+    std::string path;
+    for (const SavedFile& file : files) {
+        if (TakeOption(args, file.option, path))
+            ToolContext::Get().UseFile(file.live_path, path);
+    }
+    for (const SavedPartition& partition : partitions)
+        TakePrefixedPartition(args, partition.prefix, partition.name);
+}
+
 } // namespace vxtool
