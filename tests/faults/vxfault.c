@@ -73,6 +73,7 @@ extern const char raw_syscall_return[];
 #define FILTER_ARCH AUDIT_ARCH_X86_64
 /* The trapped call's number is the signal's; its arguments and result are
  * in the registers of the interrupted context. */
+typedef greg_t trap_register;
 #define REGISTERS(context) ((context)->uc_mcontext.gregs)
 #define ARGUMENTS(r) {r[REG_RDI], r[REG_RSI], r[REG_RDX], r[REG_R10], r[REG_R8], r[REG_R9]}
 #define RESULT(r) (r[REG_RAX])
@@ -90,7 +91,8 @@ extern const char raw_syscall_return[];
 #define FILTER_ARCH AUDIT_ARCH_AARCH64
 /* x0 holds the first argument again when the handler runs (the kernel rolls
  * the trapped call back) and takes the result. */
-#define REGISTERS(context) ((long*)(context)->uc_mcontext.regs)
+typedef unsigned long long trap_register;
+#define REGISTERS(context) ((context)->uc_mcontext.regs)
 #define ARGUMENTS(r) {r[0], r[1], r[2], r[3], r[4], r[5]}
 #define RESULT(r) (r[0])
 #else
@@ -225,7 +227,7 @@ static void log_fault(int kind, unsigned long nth, long nr, const char* name, co
 static void on_sigsys(int signal, siginfo_t* info, void* context)
 {
     (void)signal;
-    long* r = (long*)REGISTERS((ucontext_t*)context);
+    trap_register* r = REGISTERS((ucontext_t*)context);
     const long nr = info->si_syscall;
     const long a[6] = ARGUMENTS(r);
     for (size_t i = 0; i < NCALLS; ++i) {
@@ -241,12 +243,12 @@ static void on_sigsys(int signal, siginfo_t* info, void* context)
         const unsigned long nth = __atomic_add_fetch(&g_counts[kind], 1, __ATOMIC_SEQ_CST);
         if (kind == g_fault_kind && nth == g_fault_nth) {
             log_fault(kind, nth, nr, CALLS[i].name, a);
-            RESULT(r) = -g_fault_errno;
+            RESULT(r) = (trap_register)-g_fault_errno;
             return;
         }
         break;
     }
-    RESULT(r) = raw_syscall(nr, a[0], a[1], a[2], a[3], a[4], a[5]);
+    RESULT(r) = (trap_register)raw_syscall(nr, a[0], a[1], a[2], a[3], a[4], a[5]);
 }
 
 static void fail_setup(const char* what)
