@@ -8,16 +8,13 @@
 #include "platform/handles.h"
 #include "platform/posix_helpers.h"
 
-BoardIdentity ReadBoardId(const std::string& path)
+BoardIdentity ReadBoardId(std::FILE* file)
 {
-    const corvid::UniqueFile file(std::fopen(path.c_str(), "re"));
-    if (!file)
-        throw corvid::ErrnoException(errno, path);
     BoardIdentity identity;
     const auto flag = [](const char* value) { return std::strtoul(value, nullptr, 0) != 0; };
     char key[21];
     char value[65];
-    while (std::fscanf(file.Get(), "%20s %64s\n", key, value) == 2) {
+    while (std::fscanf(file, "%20s %64s\n", key, value) == 2) {
         if (std::strcmp(key, "ID:") == 0)
             identity.id = static_cast<std::int64_t>(std::strtoul(value, nullptr, 0));
         else if (std::strcmp(key, "Family:") == 0)
@@ -35,10 +32,13 @@ BoardIdentity ReadBoardId(const std::string& path)
         else if (std::strcmp(key, "SoC:") == 0)
             identity.soc = value;
     }
-    // A read error ends the scan like the end of the file; it must not
-    // pass for a short identity. The scan that meets the stream's error
-    // flag may clear errno (the C library's does): then the error is EIO.
-    if (std::ferror(file.Get()))
-        throw corvid::ErrnoException(errno != 0 ? errno : EIO, path);
     return identity;
+}
+
+BoardIdentity ReadBoardId(const std::string& path)
+{
+    const corvid::UniqueFile file(std::fopen(path.c_str(), "re"));
+    if (!file)
+        throw corvid::ErrnoException(errno, path);
+    return ReadBoardId(file.Get());
 }

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 
 inline constexpr const char* BOARD_ID_PATH = "/proc/boardid";
@@ -20,7 +21,11 @@ struct BoardIdentity {
 };
 
 // Reads a board identity file with fscanf "%20s %64s\n" pairs until a read
-// yields fewer than two items. Keys are compared exactly, colon included;
-// other keys are ignored and a later line overrides an earlier one. Throws
-// ErrnoException(errno, path) when the file cannot be opened.
+// yields fewer than two items; a read error ends the scan like the end of
+// the file, and the pairs read before it stay. Keys are compared exactly,
+// colon included; other keys are ignored and a later line overrides an
+// earlier one. Throws ErrnoException(errno, path) when the file cannot be
+// opened.
 BoardIdentity ReadBoardId(const std::string& path);
+// The same scan of an open stream.
+BoardIdentity ReadBoardId(std::FILE* file);

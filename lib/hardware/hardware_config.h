@@ -34,7 +34,7 @@ public:
     //   blessings applied ("Hardware bitfield: before: 0x.. after: 0x..
     //   blessings enumeration\n" when they changed it; "Failed to enumerate
     //   blessings: <why>\n" when the partition fails).
-    // A board identity that cannot be read counts as an empty one (no Secure
+    // A board identity that cannot be opened counts as an empty one (no Secure
     // ID), reported as "<3>Board identity unavailable: <why>\n".
     HardwareConfig();
 

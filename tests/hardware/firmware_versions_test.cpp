@@ -60,23 +60,39 @@ TEST(FirstImages, InformationTextAndItsFailures)
                                                  "First images do not start on an erase block boundary\n"));
 }
 
+// A 64-bit image whose note segment lies before its program-header table.
+std::string NoteBeforeTheTable(const std::string& version)
+{
+    const std::string note = vxtest::Note(1, "veltrix", version), image = vxtest::SyntheticElf(183, true, {{4, note}});
+    // The header, the note, then the table with the note's offset, 64.
+    return image.substr(0, 64).replace(32, 8, vxtest::Le64(64 + note.size())) + note +
+           image.substr(64, 56).replace(8, 8, vxtest::Le64(64));
+}
+
 TEST(RescueKernel, VersionNoteAndTheFallback)
 {
-    FakeContext context;
-    const auto rescue = [&](const std::string& image) {
+    using vxtest::Note;
+    const std::string failed = "Unable to read rescue kernel version: ";
+    std::string corrupt = vxtest::Gzip(vxtest::SyntheticElf(62, true, {{4, Note(1, "veltrix", "1")}}), "-9");
+    corrupt[10] = '\xFF'; // the first deflate block's type: reserved
+    const std::tuple<std::string, std::string, std::string> cases[] = {
+        // Type 1 and the exact name only; the last match wins.
+        {vxtest::SyntheticElf(183, true, {{4, Note(1, "veltrix", "3.1.4")}, {4, Note(2, "veltrix", "2")},
+                                          {4, Note(1, "Veltrix", "c")}, {4, Note(1, "veltrix", "3.1.5")}}),
+         "3.1.5", ""},
+        {vxtest::SyntheticElf(62, true, {{4, Note(1, "VELTRIX", "1")}}), "", ""},
+        {std::string(64, '\0'), "0.0.0", failed + "No ELF header\n"},
+        // Reading back is possible on plain data only.
+        {NoteBeforeTheTable("6.0.1"), "6.0.1", ""},
+        {vxtest::Gzip(NoteBeforeTheTable("6.0.1"), "-1"), "0.0.0", failed + "no random access: iostream error\n"},
+        {corrupt, "0.0.0", failed + "gzip error: iostream error\n"}};
+    for (const auto& [image, version, message] : cases) {
+        FakeContext context;
         auto nand = context.AddPartition("flash0.rescue", 16 * 4096, 4096);
         nand->bad_blocks = {1};
         vxtest::LayOver(*nand, image);
-        return WithStderr(GetRescueKernelVersion);
-    };
-    using vxtest::Note;
-    // Type 1 and the exact name only; the last match wins.
-    EXPECT_EQ(rescue(vxtest::SyntheticElf(183, true, {{4, Note(1, "veltrix", "3.1.4")}, {4, Note(2, "veltrix", "2")},
-                                                      {4, Note(1, "Veltrix", "c")}, {4, Note(1, "veltrix", "3.1.5")}})),
-              std::make_pair("3.1.5"s, ""s));
-    EXPECT_EQ(rescue(vxtest::SyntheticElf(62, true, {{4, Note(1, "VELTRIX", "1")}})), std::make_pair(""s, ""s));
-    EXPECT_EQ(rescue(std::string(64, '\0')),
-              std::make_pair("0.0.0"s, "Unable to read rescue kernel version: No ELF header\n"s));
+        EXPECT_EQ(WithStderr(GetRescueKernelVersion), std::make_pair(version, message)) << image.size();
+    }
 }
 
 TEST(Versions, BootLoaderOperatingSystemAndSerial)

@@ -1,7 +1,9 @@
 // The hardware configuration of units made of openssl-signed records: the
 // bitfield, the messages, and the SSD check.
+#include <cctype>
 #include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -96,19 +98,55 @@ TEST(HardwareConfig, ValidSrbZeroFlagsNorvaAndAMissingPartition)
     EXPECT_EQ(norva.bitfield, 0x84100000000u);
 }
 
-TEST(HardwareConfig, BlessingsChangeTheBitfieldIgnoringCase)
+TEST(HardwareConfig, BlessingsOfOneRecordAppliedInOrderPastAnUnknownName)
 {
     VXTEST_REQUIRE_TEST_KEYS();
     const std::vector<std::string> chunks = {
-        Sha1sumChunk("BLES", OpensslBlessingPayload("blessing-1", "BLES", "DISABLE-HDMI:vxear:warp-drive", "",
+        Sha1sumChunk("BLES", OpensslBlessingPayload("blessing-1", "BLES", "DISABLE-HDMI:warp-drive:eAc3:vxear", "",
                                                     ID, SERIAL)),
         Sha1sumChunk("BOON", OpensslBlessingPayload("blessing-2", "BOON", "enable-dws", "p", "", ""))};
     const Outcome o = Configure({{"VX_FORMAT", "1"}, {"VX_HWFLAGS", "0x8000000010111"}, {"VX_SERIAL", SERIAL}},
                                 "srb-1", ID, chunks);
     EXPECT_EQ(o.err, "HardwareConfig: Unknown blessing: 'warp-drive'\n"
-                     "Hardware bitfield: before: 0x8080100010111 after: 0x28088100010110 "
+                     "Hardware bitfield: before: 0x8080100010111 after: 0x28088130010110 "
                      "blessings enumeration\n");
-    EXPECT_EQ(o.bitfield, 0x28088100010110u);
+    EXPECT_EQ(o.bitfield, 0x28088130010110u);
+}
+
+// Every name of the capability table, on a unit without capabilities (as
+// written) and on one with all but the privileged bits (in mixed case).
+TEST(HardwareConfig, EveryBlessingNameSetsOrClearsExactlyItsBits)
+{
+    const std::tuple<std::string, std::uint64_t, std::uint64_t> names[] = {
+        {"eac3", 0x30000000, 0}, {"internal-storage-only", 0x1000000000, 0},
+        {"enable-clock-boost", 0x4000000000000, 0}, {"disable-packet-capture", 0x2000000000, 0},
+        {"disable-vxn-cloud", 0x4000000000, 0}, {"vxear", 0x8000000000, 0},
+        {"disable-lldp-reporting", 0x10000000000, 0}, {"disable-usb-networking", 0x20000000000, 0},
+        {"disable-usb-storage", 0x100000000000, 0}, {"disable-gpio-connector", 0, 0x100},
+        {"disable-ir-blaster", 0, 0x10000}, {"disable-hdmi", 0, 0xE00000000001},
+        {"disable-eth1-interface", 0, 0x8000000000000}, {"enable-dws", 0x20000000000000, 0},
+        {"eac", 0, 0}, {"vxear ", 0, 0}, {"disable_hdmi", 0, 0}, {std::string("eac3\0", 5), 0, 0}};
+    for (const bool full : {false, true}) {
+        FakeContext context; // no /proc/boardid: no Secure ID, no SRB
+        context.AddPartition("flash0.nvram", 4 * E, E)
+            ->Poke(0, vxtest::EnvironmentBlock({full ? "VX_FORMAT=1" : "VX_FORMAT=0"}, E));
+        testing::internal::CaptureStderr();
+        HardwareConfig config;
+        testing::internal::GetCapturedStderr();
+        ASSERT_EQ(config.GetHardwareBitfield(), full ? ~HW_PRIVILEGED | HW_BLESSINGS_READ : 0);
+        std::string unknown;
+        testing::internal::CaptureStderr();
+        for (auto [name, set, clear] : names) {
+            for (std::size_t i = 0; full && i < name.size(); i += 2)
+                name[i] = char(std::toupper(name[i]));
+            if (set == 0 && clear == 0)
+                unknown += "HardwareConfig: Unknown blessing: '" + name + "'\n";
+            const std::uint64_t before = config.GetHardwareBitfield();
+            config.ApplyBlessing(name);
+            EXPECT_EQ(config.GetHardwareBitfield(), (before | set) & ~clear) << name;
+        }
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), unknown);
+    }
 }
 
 TEST(HardwareConfig, SsdCheckReadsGpioLine64)

@@ -1,7 +1,10 @@
 // The device's identity: the board identity, signatures and stored keys,
 // the signed manufacturing record (SRB) and blessings.
+#include <cerrno>
+#include <cstdio>
 #include <map>
 #include <stdexcept>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -12,6 +15,7 @@
 #include "hardware/signature_verifier.h"
 #include "hardware/srb.h"
 #include "platform/base64.h"
+#include "platform/handles.h"
 #include "support/fake_nand.h"
 #include "support/oracles.h"
 
@@ -39,12 +43,30 @@ TEST(ReadBoardId, TheKeysOfTheTableAsFscanfReadsThem)
     EXPECT_EQ(id.bolt_version + " " + id.bootloader_version + " " + id.soc + " " + id.secure_id,
               "v1.20 4.2.1 bcm 5ec1d0000000c0de");
     EXPECT_TRUE(id.secure_keys && !id.secure_boot);
-    EXPECT_EQ(ReadBoardId(dir.WriteFile("short", "ID:\n")).id, -1);
     EXPECT_EQ(WhatOf([&] { ReadBoardId(dir.Path() + "/none"); }),
               dir.Path() + "/none: No such file or directory (errno 2)");
-    // A directory opens, and its first read fails: an error, not an empty
-    // identity.
-    EXPECT_EQ(WhatOf([&] { ReadBoardId(dir.Path()); }), dir.Path() + ": Is a directory (errno 21)");
+    // A directory opens, and its first read fails (EISDIR): nothing was read.
+    EXPECT_EQ(ReadBoardId(dir.Path()).id, -1);
+}
+
+// A stream that delivers the text, then fails with EIO.
+ssize_t ReadThenFail(void* cookie, char* buffer, std::size_t size)
+{
+    const std::size_t n = static_cast<std::string*>(cookie)->copy(buffer, size);
+    static_cast<std::string*>(cookie)->erase(0, n);
+    errno = EIO;
+    return n ? ssize_t(n) : -1;
+}
+
+TEST(ReadBoardId, AReadErrorEndsTheScanAndThePairsReadStay)
+{
+    const std::tuple<std::string, std::int64_t, std::string> cases[] = {
+        {"ID: 0x42\nSecure-ID: abc\n", 0x42, "abc"}, {"ID: 0x42\nSecure-", 0x42, ""}, {"", -1, ""}};
+    for (auto [text, id, secure_id] : cases) { // the end-of-file probe, a pair cut short, the first read
+        const corvid::UniqueFile file(fopencookie(&text, "r", {ReadThenFail, nullptr, nullptr, nullptr}));
+        const BoardIdentity identity = ReadBoardId(file.Get());
+        EXPECT_EQ(std::tie(identity.id, identity.secure_id), std::tie(id, secure_id));
+    }
 }
 
 // A test key's canonical bytes parsed as the program parses its stored keys.

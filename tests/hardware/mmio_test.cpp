@@ -7,6 +7,7 @@
 
 #include <map>
 #include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -18,15 +19,9 @@ namespace {
 
 using Status = std::map<std::string, std::string>;
 
-// Words 2, 3, 10, 11 and 13 at the signed/unsigned, character/number and
-// table boundaries.
-const AvsStatusWords RUNNING = {0, 0, 0xFFFFFC18, 0xFFFFFC18, 1100, 0, 0, 0, 0, 0,
+// A block with a value in every word that a key reports.
+const AvsStatusWords RUNNING = {0, 0, 0xFFFFFC18, 0xFFFFFC18, 1100, 7, 0, 0, 0, 0,
                                 0x31303032, 6, 42, 0xA11600D1, 900, 45250, 1, 999999};
-const Status RUNNING_STATUS = {
-    {"Magic", "0xa11600d1"}, {"Status", "Enabled"},   {"T0", "-1.000C"},     {"V0", "4294966.296V"},
-    {"PV0", "1.100V"},       {"MV0", "0.000V"},       {"T1", "45.250C"},     {"V1", "0.900V"},
-    {"PV1", "0.001V"},       {"MV1", "999.999V"},     {"Power State", "Unknown"},
-    {"Heartbeat", "42"},     {"Revision", "1.0.0.2"}};
 
 TEST(AvsStatus, ReadThroughTheRegisterMapping)
 {
@@ -38,8 +33,37 @@ TEST(AvsStatus, ReadThroughTheRegisterMapping)
     ASSERT_EQ(pwrite(fd, RUNNING.data(), sizeof RUNNING, MMIO_PHYSICAL_ADDRESS + AVS_STATUS_OFFSET),
               ssize_t(sizeof RUNNING));
     close(fd);
-    EXPECT_EQ(ReadAvsStatus(), RUNNING_STATUS);
+    EXPECT_EQ(ReadAvsStatus(), ConvertAvsStatus(RUNNING));
     EXPECT_EQ(vxtest::WhatOf([] { MmioBase().Read32(MMIO_LENGTH); }), "MMIO offset out of range");
+}
+
+// One word set in a block of zeros changes only the values it feeds.
+TEST(AvsStatus, EachWordConvertedAtItsBoundaries)
+{
+    const Status zeros = {{"Magic", "0x00000000"}, {"Status", "Disabled"}, {"T0", "0.000C"}, {"V0", "0.000V"},
+                          {"PV0", "0.000V"}, {"MV0", "0.000V"}, {"T1", "0.000C"}, {"V1", "0.000V"},
+                          {"PV1", "0.000V"}, {"MV1", "0.000V"}, {"Power State", "Initializing"},
+                          {"Heartbeat", "0"}, {"Revision", "0.0.0.0"}};
+    const std::tuple<std::size_t, std::uint32_t, Status> cases[] = {
+        {11, 1, {{"Power State", "Tracking"}}}, {11, 2, {{"Power State", "BBM Active"}}},
+        {11, 3, {{"Power State", "BBCM Engaged"}}}, {11, 4, {{"Power State", "AC restored"}}},
+        {11, 5, {{"Power State", "Failed to initialize"}}}, {11, 6, {{"Power State", "Unknown"}}},
+        {3, 0xFFFFFC18, {{"T0", "-1.000C"}}}, {15, 0xFFFFFFFF, {{"T1", "-0.001C"}}},
+        {15, 0x7FFFFFFF, {{"T1", "2147483.647C"}}}, {2, 0xFFFFFFFF, {{"V0", "4294967.295V"}}},
+        {4, 0xFFFFFFFF, {{"PV0", "4294967.295V"}}}, {5, 0xFFFFFFFE, {{"MV0", "4294967.294V"}}},
+        {14, 0xFFFFFFFF, {{"V1", "4294967.295V"}}}, {16, 0xFFFFFFFD, {{"PV1", "4294967.293V"}}},
+        {17, 0xFFFFFFFF, {{"MV1", "4294967.295V"}}}, {12, 0xFFFFFFFF, {{"Heartbeat", "4294967295"}}},
+        {10, 0x2F303132, {{"Revision", "47.48.49.50"}}}, {10, 0x302F3A41, {{"Revision", "0./.:.A"}}},
+        {13, 0xA11600D1, {{"Magic", "0xa11600d1"}, {"Status", "Enabled"}}}, {13, 0xA11600D0, {{"Magic", "0xa11600d0"}}},
+        {0, 0xFFFFFFFF, {}}, {1, 1, {}}, {6, 1, {}}, {9, 0xFFFFFFFF, {}}};
+    for (const auto& [word, value, changed] : cases) {
+        AvsStatusWords words{};
+        words[word] = value;
+        Status expected = zeros;
+        for (const auto& [key, text] : changed)
+            expected[key] = text;
+        EXPECT_EQ(ConvertAvsStatus(words), expected) << "word " << word << " = " << value;
+    }
 }
 
 TEST(VxtoolAvs, PrintsTheValuesOfADump)
@@ -49,7 +73,7 @@ TEST(VxtoolAvs, PrintsTheValuesOfADump)
     for (const std::uint32_t word : RUNNING)
         block += vxtest::Le32(word);
     std::string expected = "0 ";
-    for (const auto& [key, value] : RUNNING_STATUS)
+    for (const auto& [key, value] : ConvertAvsStatus(RUNNING))
         expected += key + "=" + value + "\n";
     const auto run = [](const std::vector<std::string>& args) {
         const vxtest::RunResult r = vxtest::Vxtool(args);

@@ -162,7 +162,13 @@ int main(int argc, char** argv)
         if (vxtest::PrivateMounts({{path, "/dev/kmsg"}})) {
             // Sandboxes bind over /dev/kmsg again, which needs the file to keep its name.
             vxtest::g_kernel_log = path;
-            std::atexit([] { unlink(vxtest::g_kernel_log.c_str()); });
+            // Removed by this process only: a death test's child that exits
+            // runs the at-exit handlers too, and the file is still in use.
+            static const pid_t creator = getpid();
+            std::atexit([] {
+                if (getpid() == creator)
+                    unlink(vxtest::g_kernel_log.c_str());
+            });
         } else {
             unlink(path);
         }
