@@ -1,11 +1,14 @@
-// The blink code as the fake board sees it, timed by the fake clock: event
-// times are exact, so every phase is asserted to the millisecond.
+// The blink code as the fake board sees it: on the fake clock, where event
+// times are exact and every phase is asserted to the millisecond, and on the
+// system's clock with real signals.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <ctime>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -67,23 +70,133 @@ TEST(ShowLedErrorPattern, TheButtonBreaksOffAtTheNextPoll)
               (Events{{T0 + 1500 * MS, 17, 1}, {T0 + 1600 * MS, 17, 0}}));
 }
 
-TEST(ShowLedErrorPattern, SigtermBreaksOffAfterTheFlashAndDetaches)
+// Real signals in real waits: the system's clock, and each signal sent to
+// the process by a thread that blocks it, so that the thread showing the
+// pattern takes it in its handler, as from another process. Gaps between
+// the board's events are asserted in milliseconds: never shorter than the
+// phase, and at most LATE_MS longer on a loaded machine.
+constexpr double LATE_MS = 60;
+
+double Milliseconds(std::uint64_t from_ns, std::uint64_t to_ns)
+{
+    return (double(to_ns) - double(from_ns)) / 1e6;
+}
+
+// Sends signal at the monotonic time at_ns; sent_ns is when it did.
+class SignalAt {
+public:
+    SignalAt(int signal, std::uint64_t at_ns)
+        : m_thread([this, signal, at_ns] {
+              sigset_t both;
+              sigemptyset(&both);
+              sigaddset(&both, SIGINT);
+              sigaddset(&both, SIGTERM);
+              pthread_sigmask(SIG_BLOCK, &both, nullptr);
+              const timespec at{time_t(at_ns / 1'000'000'000), long(at_ns % 1'000'000'000)};
+              while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &at, nullptr) == EINTR) {
+              }
+              timespec now{};
+              clock_gettime(CLOCK_MONOTONIC, &now);
+              sent_ns = std::uint64_t(now.tv_sec) * 1'000'000'000 + std::uint64_t(now.tv_nsec);
+              kill(getpid(), signal);
+          })
+    {
+    }
+    ~SignalAt() { m_thread.join(); }
+
+    std::uint64_t sent_ns = 0;
+
+private:
+    std::thread m_thread;
+};
+
+// The gaps from start through the board's events to end, each against the
+// length of the phases it spans.
+void ExpectGaps(std::uint64_t start, const Events& events, std::uint64_t end, const std::vector<double>& phases,
+                const std::string& what)
+{
+    std::vector<std::uint64_t> times{start};
+    for (const FakeGpioBoard::Event& e : events)
+        times.push_back(e.ns);
+    times.push_back(end);
+    ASSERT_EQ(times.size(), phases.size() + 1) << what;
+    for (std::size_t i = 0; i < phases.size(); ++i) {
+        const double gap = Milliseconds(times[i], times[i + 1]);
+        EXPECT_GE(gap, phases[i]) << what << ", gap " << i;
+        EXPECT_LE(gap, phases[i] + LATE_MS) << what << ", gap " << i;
+    }
+}
+
+std::vector<std::pair<unsigned int, int>> Writes(const Events& events)
+{
+    std::vector<std::pair<unsigned int, int>> writes;
+    for (const FakeGpioBoard::Event& e : events)
+        writes.emplace_back(e.code, e.value);
+    return writes;
+}
+
+TEST(ShowLedErrorPatternRealTime, ASignalEndsThePatternAfterTheOffPhaseAndShortensNoPhase)
+{
+    // Pattern 1: the pause until 1500 ms, the flash until 1750, its off
+    // phase until 2050, where the flag is read, wherever the signal came.
+    const struct {
+        int signal;
+        double at_ms;
+        const char* where;
+    } cases[] = {{SIGTERM, 1000, "in the pause"}, {SIGINT, 1600, "in the flash"}, {SIGTERM, 1900, "in the off phase"}};
+    for (const auto& c : cases) {
+        FakeContext context;
+        context.GetClock().UseSystemClock();
+        corvid::SignalDispatcher dispatcher;
+        const std::uint64_t start = context.GetClock().NowNanoseconds();
+        std::uint64_t end = 0, sent = 0;
+        {
+            SignalAt sender(c.signal, start + std::uint64_t(c.at_ms * 1e6));
+            EXPECT_TRUE(ShowLedErrorPattern(ErrorLedPattern(1), LED_SIGNALS_BREAK | LED_STOP_AFTER_THREE)) << c.where;
+            end = context.GetClock().NowNanoseconds();
+            sent = sender.sent_ns;
+        }
+        const Events& events = context.GpioBoard().events;
+        EXPECT_EQ(Writes(events), (std::vector<std::pair<unsigned int, int>>{{17, 1}, {17, 0}})) << c.where;
+        ExpectGaps(start, events, end, {1500, 250, 300}, c.where);
+        // From the signal to the return: the rest of the round's first flash.
+        EXPECT_NEAR(Milliseconds(sent, end), 2050 - c.at_ms, LATE_MS) << c.where;
+        EXPECT_TRUE(dispatcher.GetObservers().empty());
+        for (const int signal : {SIGINT, SIGTERM}) {
+            struct sigaction action {};
+            sigaction(signal, nullptr, &action);
+            EXPECT_EQ(action.sa_handler, SIG_DFL) << signal; // the earlier action is back
+        }
+    }
+}
+
+TEST(ShowLedErrorPatternRealTime, ASignalLeftWhenTheButtonEndsAPatternDoesNotBreakTheNext)
 {
     FakeContext context;
+    FakeClock& clock = context.GetClock();
+    clock.UseSystemClock();
     corvid::SignalDispatcher dispatcher;
-    // Raised as round two's first flash ends; taken after its off phase.
-    context.GetClock().on_sleep = [](std::uint64_t ns) {
-        if (ns == T0 + 4350 * MS)
-            raise(SIGTERM);
-        ASSERT_LT(ns, T0 + 10000 * MS) << "the signal did not break the pattern off";
-    };
-    EXPECT_TRUE(ShowLedErrorPattern(ERROR_LED_GENERAL, LED_SIGNALS_BREAK));
-    EXPECT_EQ(context.GpioBoard().events, Flashes({1500, 2050, 4100}));
-    EXPECT_EQ(context.GetClock().NowNanoseconds(), T0 + 4650 * MS);
-    EXPECT_TRUE(dispatcher.GetObservers().empty());
-    struct sigaction action {};
-    sigaction(SIGTERM, nullptr, &action);
-    EXPECT_EQ(action.sa_handler, SIG_DFL); // the earlier action is back
+    FakeGpioBoard& board = context.GpioBoard();
+    std::uint64_t press = 0;
+    board.input_levels = [&](std::uint64_t ns) { return ns >= press ? 1u << BUTTON_INPUT_BIT : 0u; };
+
+    // SIGTERM in the pause, then the button: the pattern ends before the
+    // breaker's flag is read, with the signal taken but not delivered.
+    std::uint64_t start = clock.NowNanoseconds();
+    press = start + 800'000'000;
+    {
+        SignalAt sender(SIGTERM, start + 400'000'000);
+        EXPECT_TRUE(ShowLedErrorPattern(ErrorLedPattern(1), LED_WATCH_BUTTON | LED_SIGNALS_BREAK));
+    }
+    ExpectGaps(start, board.events, clock.NowNanoseconds(), {800, 0, 0}, "the first pattern");
+
+    // The next call starts clean: its first flash is not its last, and the
+    // button, watched from round two, ends it in round two's pause.
+    board.events.clear();
+    start = clock.NowNanoseconds();
+    press = start + 2'200'000'000;
+    EXPECT_TRUE(ShowLedErrorPattern(ErrorLedPattern(1), LED_WATCH_BUTTON_AFTER_FIRST | LED_SIGNALS_BREAK));
+    ExpectGaps(start, board.events, clock.NowNanoseconds(), {1500, 250, 300 + 150, 0, 0}, "the second pattern");
 }
 
 TEST(ShowLedErrorPattern, AWaitOverTheMillisecondWrapLastsItsTime)
