@@ -1,14 +1,18 @@
 // The steps of the start-up pass that the simulated player's scenarios do
 // not reach cheaply: every revision label, the address rules and the
-// read failure, the AVS line's absent keys.
+// read failure, the AVS line's absent keys, what may stand at /etc/issue.
+#include <sys/stat.h>
+
 #include <filesystem>
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include "check/hardware_failure.h"
 #include "check/startup_pass.h"
 #include "hardware/hardware_config.h"
 #include "support/fake_context.h"
+#include "support/hostile_files.h"
 #include "support/oracles.h"
 
 namespace {
@@ -69,6 +73,73 @@ TEST(StartupPass, AvsLineNamesAllFiveKeys)
     testing::internal::CaptureStderr();
     PrintAvsReport({{"V0", "0.900V"}, {"T1", "1.000C"}, {"MV0", "1.000V"}});
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "<6>AVS Revision= V0=0.900V T0= PV0= MV0=1.000V ");
+}
+
+// "<kind> <permission bits>" of what stands at path, not followed.
+std::string Kind(const std::string& path)
+{
+    struct stat st {};
+    if (lstat(path.c_str(), &st) != 0)
+        return "none";
+    return fmt::format("{} {:o}", S_ISREG(st.st_mode) ? "file" : "other", st.st_mode & 07777);
+}
+
+TEST(StartupPass, TheBannerReplacesEtcIssueWhole)
+{
+    const std::string banner = "Veltrix Sim=Model SIM0001 v12.4.0\r\n\n";
+    {
+        // Exactly 0644, whatever the umask and the old file's mode.
+        FakeContext context;
+        const mode_t umask_was = umask(077);
+        chmod(context.WriteFile("/etc/issue", "old\n").c_str(), 0600);
+        WriteIssueFile(banner);
+        EXPECT_EQ(Kind(context.Path("/etc/issue")), "file 644");
+        std::filesystem::remove(context.Path("/etc/issue"));
+        WriteIssueFile(banner);
+        umask(umask_was);
+        EXPECT_EQ(vxtest::ReadFile(context.Path("/etc/issue")), banner);
+        EXPECT_EQ(Kind(context.Path("/etc/issue")), "file 644");
+        EXPECT_EQ(Kind(context.Path("/etc/issue.tmp")), "none");
+    }
+
+    // What may stand at /etc/issue or at its temporary file: nothing is
+    // opened, followed or left behind; a failure keeps the old banner.
+    VXTEST_REQUIRE_ISOLATION();
+    using vxtest::Hostile;
+    const struct {
+        const char* path;
+        Hostile kind;
+        const char* error; // "" for none
+    } cases[] = {
+        {"/etc/issue", Hostile::Fifo, ""},
+        {"/etc/issue", Hostile::Symlink, ""},
+        {"/etc/issue", Hostile::Directory, "/etc/issue: Is a directory (errno 21)"},
+        {"/etc/issue", Hostile::FullFilesystem, "/etc/issue: No space left on device (errno 28)"},
+        {"/etc/issue", Hostile::ReadOnlyFilesystem, "/etc/issue: Read-only file system (errno 30)"},
+        {"/etc/issue.tmp", Hostile::Fifo, ""},
+        {"/etc/issue.tmp", Hostile::Symlink, ""},
+        {"/etc/issue.tmp", Hostile::Directory, "/etc/issue.tmp: Is a directory (errno 21)"},
+    };
+    for (const auto& c : cases) {
+        FakeContext context;
+        const std::string where = std::string(vxtest::Name(c.kind)) + " at " + c.path;
+        context.WriteFile("/etc/issue", "old\n");
+        if (c.path != std::string("/etc/issue.tmp"))
+            std::filesystem::remove(context.Path("/etc/issue"));
+        vxtest::HostilePath hostile(c.kind, context.Path(c.path), "old\n");
+        const std::string error = vxtest::WhatOf([&] { WriteIssueFile(banner); });
+        EXPECT_EQ(error, *c.error ? context.Path(c.error) : "no exception") << where;
+        EXPECT_EQ(hostile.Faults(), "") << where;
+        if (!*c.error) {
+            const std::string kind = Kind(context.Path("/etc/issue"));
+            EXPECT_EQ(kind, "file 644") << where;
+            if (kind.starts_with("file")) { // never a read that waits for a FIFO's writer
+                EXPECT_EQ(vxtest::ReadFile(context.Path("/etc/issue")), banner) << where;
+            }
+        } else if (std::string(c.path) == "/etc/issue.tmp") {
+            EXPECT_EQ(vxtest::ReadFile(context.Path("/etc/issue")), "old\n") << where;
+        }
+    }
 }
 
 } // namespace
