@@ -5,8 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
-#include <ctime>
 #include <string>
 #include <thread>
 #include <vector>
@@ -49,154 +49,95 @@ TEST(ShowLedErrorPattern, ThreeRoundsWithTheSplashMessageEachRound)
     EXPECT_EQ(context.GpioBoard().open_sides, 0); // both sides closed again
 }
 
-// The events of a pattern broken off by the button, pressed from press_ms on.
-Events PressedFrom(std::uint64_t press_ms, ErrorLedPattern pattern, unsigned int flags)
+TEST(ShowLedErrorPattern, AButtonWatchedFromTheFirstRoundEndsAFlash)
 {
     FakeContext context;
-    context.GpioBoard().input_levels = [=](std::uint64_t ns) { return ns >= T0 + press_ms * MS ? 1u << 12 : 0u; };
-    EXPECT_TRUE(ShowLedErrorPattern(pattern, flags));
-    return context.GpioBoard().events;
+    context.GpioBoard().input_levels = [](std::uint64_t ns) { return ns >= T0 + 1600 * MS ? 1u << 12 : 0u; };
+    EXPECT_TRUE(ShowLedErrorPattern(ERROR_LED_ETHERNET, LED_WATCH_BUTTON));
+    EXPECT_EQ(context.GpioBoard().events, (Events{{T0 + 1500 * MS, 17, 1}, {T0 + 1600 * MS, 17, 0}}));
 }
 
-TEST(ShowLedErrorPattern, TheButtonBreaksOffAtTheNextPoll)
-{
-    // Pattern 2, rounds of 2600 ms: a press from 500 ms on is ignored in round
-    // one and seen at the first poll of round two, whose flash is not waited for.
-    Events expected = Flashes({1500, 2050});
-    expected.insert(expected.end(), {{T0 + 2610 * MS, 17, 1}, {T0 + 2610 * MS, 17, 0}});
-    EXPECT_EQ(PressedFrom(500, ERROR_LED_GENERAL, LED_CHECK_FLAGS), expected);
-    // Watched from the first round on, a press during a flash ends it.
-    EXPECT_EQ(PressedFrom(1600, ERROR_LED_ETHERNET, LED_WATCH_BUTTON),
-              (Events{{T0 + 1500 * MS, 17, 1}, {T0 + 1600 * MS, 17, 0}}));
-}
-
-// Real signals in real waits: the system's clock, and each signal sent to
-// the process by a thread that blocks it, so that the thread showing the
-// pattern takes it in its handler, as from another process. Gaps between
-// the board's events are asserted in milliseconds: never shorter than the
-// phase, and at most LATE_MS longer on a loaded machine.
+// Real signals in real waits, on the system's clock. Each gap between the
+// board's events (on and off, in turn) is never shorter than its phases and
+// at most LATE_MS longer on a loaded machine.
 constexpr double LATE_MS = 60;
 
-double Milliseconds(std::uint64_t from_ns, std::uint64_t to_ns)
+// Sends signal (0: none) at at_ns (CLOCK_MONOTONIC) from a thread that
+// blocks every signal, so that the thread showing the pattern takes it in
+// its handler, as from another process; sent_ns is when it was sent.
+std::thread SendAt(int signal, std::uint64_t at_ns, std::uint64_t& sent_ns)
 {
-    return (double(to_ns) - double(from_ns)) / 1e6;
+    return std::thread([=, &sent_ns] {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_BLOCK, &all, nullptr);
+        using std::chrono::steady_clock; // CLOCK_MONOTONIC
+        std::this_thread::sleep_until(steady_clock::time_point(std::chrono::nanoseconds(at_ns)));
+        sent_ns = std::uint64_t(steady_clock::now().time_since_epoch().count());
+        kill(getpid(), signal);
+    });
 }
 
-// Sends signal at the monotonic time at_ns; sent_ns is when it did.
-class SignalAt {
-public:
-    SignalAt(int signal, std::uint64_t at_ns)
-        : m_thread([this, signal, at_ns] {
-              sigset_t both;
-              sigemptyset(&both);
-              sigaddset(&both, SIGINT);
-              sigaddset(&both, SIGTERM);
-              pthread_sigmask(SIG_BLOCK, &both, nullptr);
-              const timespec at{time_t(at_ns / 1'000'000'000), long(at_ns % 1'000'000'000)};
-              while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &at, nullptr) == EINTR) {
-              }
-              timespec now{};
-              clock_gettime(CLOCK_MONOTONIC, &now);
-              sent_ns = std::uint64_t(now.tv_sec) * 1'000'000'000 + std::uint64_t(now.tv_nsec);
-              kill(getpid(), signal);
-          })
-    {
-    }
-    ~SignalAt() { m_thread.join(); }
-
-    std::uint64_t sent_ns = 0;
-
-private:
-    std::thread m_thread;
-};
-
-// The gaps from start through the board's events to end, each against the
-// length of the phases it spans.
 void ExpectGaps(std::uint64_t start, const Events& events, std::uint64_t end, const std::vector<double>& phases,
                 const std::string& what)
 {
     std::vector<std::uint64_t> times{start};
-    for (const FakeGpioBoard::Event& e : events)
+    for (const FakeGpioBoard::Event& e : events) {
+        EXPECT_EQ(std::make_pair(e.code, e.value), std::make_pair(17u, int(times.size() % 2))) << what;
         times.push_back(e.ns);
+    }
     times.push_back(end);
     ASSERT_EQ(times.size(), phases.size() + 1) << what;
     for (std::size_t i = 0; i < phases.size(); ++i) {
-        const double gap = Milliseconds(times[i], times[i + 1]);
-        EXPECT_GE(gap, phases[i]) << what << ", gap " << i;
-        EXPECT_LE(gap, phases[i] + LATE_MS) << what << ", gap " << i;
+        const double gap = double(times[i + 1] - times[i]) / 1e6;
+        EXPECT_TRUE(gap >= phases[i] && gap <= phases[i] + LATE_MS) << what << ", gap " << i << ": " << gap;
     }
 }
 
-std::vector<std::pair<unsigned int, int>> Writes(const Events& events)
-{
-    std::vector<std::pair<unsigned int, int>> writes;
-    for (const FakeGpioBoard::Event& e : events)
-        writes.emplace_back(e.code, e.value);
-    return writes;
-}
-
-TEST(ShowLedErrorPatternRealTime, ASignalEndsThePatternAfterTheOffPhaseAndShortensNoPhase)
-{
-    // Pattern 1: the pause until 1500 ms, the flash until 1750, its off
-    // phase until 2050, where the flag is read, wherever the signal came.
-    const struct {
-        int signal;
-        double at_ms;
-        const char* where;
-    } cases[] = {{SIGTERM, 1000, "in the pause"}, {SIGINT, 1600, "in the flash"}, {SIGTERM, 1900, "in the off phase"}};
-    for (const auto& c : cases) {
-        FakeContext context;
-        context.GetClock().UseSystemClock();
-        corvid::SignalDispatcher dispatcher;
-        const std::uint64_t start = context.GetClock().NowNanoseconds();
-        std::uint64_t end = 0, sent = 0;
-        {
-            SignalAt sender(c.signal, start + std::uint64_t(c.at_ms * 1e6));
-            EXPECT_TRUE(ShowLedErrorPattern(ErrorLedPattern(1), LED_SIGNALS_BREAK | LED_STOP_AFTER_THREE)) << c.where;
-            end = context.GetClock().NowNanoseconds();
-            sent = sender.sent_ns;
-        }
-        const Events& events = context.GpioBoard().events;
-        EXPECT_EQ(Writes(events), (std::vector<std::pair<unsigned int, int>>{{17, 1}, {17, 0}})) << c.where;
-        ExpectGaps(start, events, end, {1500, 250, 300}, c.where);
-        // From the signal to the return: the rest of the round's first flash.
-        EXPECT_NEAR(Milliseconds(sent, end), 2050 - c.at_ms, LATE_MS) << c.where;
-        EXPECT_TRUE(dispatcher.GetObservers().empty());
-        for (const int signal : {SIGINT, SIGTERM}) {
-            struct sigaction action {};
-            sigaction(signal, nullptr, &action);
-            EXPECT_EQ(action.sa_handler, SIG_DFL) << signal; // the earlier action is back
-        }
-    }
-}
-
-TEST(ShowLedErrorPatternRealTime, ASignalLeftWhenTheButtonEndsAPatternDoesNotBreakTheNext)
+TEST(ShowLedErrorPatternRealTime, SignalsShortenNoPhaseAndCountOnlyForTheirPattern)
 {
     FakeContext context;
     FakeClock& clock = context.GetClock();
     clock.UseSystemClock();
     corvid::SignalDispatcher dispatcher;
     FakeGpioBoard& board = context.GpioBoard();
-    std::uint64_t press = 0;
+    std::uint64_t start = 0, press = 0, sent = 0;
     board.input_levels = [&](std::uint64_t ns) { return ns >= press ? 1u << BUTTON_INPUT_BIT : 0u; };
-
-    // SIGTERM in the pause, then the button: the pattern ends before the
-    // breaker's flag is read, with the signal taken but not delivered.
-    std::uint64_t start = clock.NowNanoseconds();
-    press = start + 800'000'000;
-    {
-        SignalAt sender(SIGTERM, start + 400'000'000);
-        EXPECT_TRUE(ShowLedErrorPattern(ErrorLedPattern(1), LED_WATCH_BUTTON | LED_SIGNALS_BREAK));
+    constexpr unsigned int SIGNALS = LED_SIGNALS_BREAK | LED_STOP_AFTER_THREE;
+    const struct {
+        int signal; // 0: none
+        double at_ms, press_ms, end_ms;
+        unsigned int flags;
+        std::vector<double> phases;
+        const char* what;
+    } cases[] = {
+        // Pattern 1: the pause until 1500 ms, the flash until 1750, its off
+        // phase until 2050, where the flag is read, wherever the signal came.
+        {SIGTERM, 1000, 1e9, 2050, SIGNALS, {1500, 250, 300}, "in the pause"},
+        {SIGINT, 1600, 1e9, 2050, SIGNALS, {1500, 250, 300}, "in the flash"},
+        {SIGTERM, 1900, 1e9, 2050, SIGNALS, {1500, 250, 300}, "in the off phase"},
+        // The button ends a pattern before the flag is read: the signal is
+        // taken, not delivered. The next pattern starts clean: its first
+        // flash is not its last, and the button, pressed in round one and
+        // watched from round two, ends it at round two's first poll.
+        {SIGTERM, 400, 800, 800, SIGNALS | LED_WATCH_BUTTON, {800, 0, 0}, "left at the button"},
+        {0, 0, 1000, 2060, SIGNALS | LED_WATCH_BUTTON_AFTER_FIRST, {1500, 250, 310, 0, 0}, "the next pattern"},
+    };
+    for (const auto& c : cases) {
+        board.events.clear();
+        start = clock.NowNanoseconds();
+        press = start + std::uint64_t(c.press_ms * 1e6);
+        std::thread sender = SendAt(c.signal, start + std::uint64_t(c.at_ms * 1e6), sent);
+        EXPECT_TRUE(ShowLedErrorPattern(ErrorLedPattern(1), c.flags)) << c.what;
+        const std::uint64_t end = clock.NowNanoseconds();
+        sender.join();
+        ExpectGaps(start, board.events, end, c.phases, c.what);
+        EXPECT_NEAR((double(end) - double(sent)) / 1e6, c.end_ms - c.at_ms, LATE_MS) << c.what; // the latency
+        EXPECT_TRUE(dispatcher.GetObservers().empty());
+        struct sigaction action {};
+        sigaction(SIGTERM, nullptr, &action);
+        EXPECT_EQ(action.sa_handler, SIG_DFL) << c.what; // the earlier action is back
     }
-    ExpectGaps(start, board.events, clock.NowNanoseconds(), {800, 0, 0}, "the first pattern");
-
-    // The next call starts clean: its first flash is not its last, and the
-    // button, watched from round two, ends it in round two's pause.
-    board.events.clear();
-    start = clock.NowNanoseconds();
-    press = start + 2'200'000'000;
-    EXPECT_TRUE(ShowLedErrorPattern(ErrorLedPattern(1), LED_WATCH_BUTTON_AFTER_FIRST | LED_SIGNALS_BREAK));
-    ExpectGaps(start, board.events, clock.NowNanoseconds(), {1500, 250, 300 + 150, 0, 0}, "the second pattern");
 }
 
 TEST(ShowLedErrorPattern, AWaitOverTheMillisecondWrapLastsItsTime)

@@ -1,12 +1,11 @@
 // A monotonic clock that moves only when the code under test sleeps; it
-// keeps the sleeps and can act after each (to raise a signal, say). With
-// UseSystemClock it reads and sleeps on the system's own clock instead, for
-// the tests of what real signals do to real waits.
+// keeps the sleeps and can act after each (to raise a signal, say), or,
+// after UseSystemClock, reads and sleeps on the system's own clock.
 #pragma once
 
 #include <cstdint>
 #include <functional>
-#include <memory>
+#include <optional>
 #include <vector>
 
 #include "platform/clock.h"
@@ -15,8 +14,7 @@ class FakeClock : public corvid::Clock {
 public:
     timespec Monotonic() override
     {
-        const std::uint64_t ns = NowNanoseconds();
-        return {time_t(ns / 1'000'000'000), long(ns % 1'000'000'000)};
+        return m_system ? m_system->Monotonic() : timespec{time_t(now_ns / 1'000'000'000), long(now_ns % 1'000'000'000)};
     }
     void SleepMicroseconds(unsigned int microseconds) override
     {
@@ -28,20 +26,17 @@ public:
         if (on_sleep)
             on_sleep(NowNanoseconds());
     }
-    std::uint64_t NowNanoseconds() const
+    std::uint64_t NowNanoseconds()
     {
-        if (!m_system)
-            return now_ns;
-        timespec now{};
-        clock_gettime(CLOCK_MONOTONIC, &now);
+        const timespec now = Monotonic();
         return std::uint64_t(now.tv_sec) * 1'000'000'000 + std::uint64_t(now.tv_nsec);
     }
-    void UseSystemClock() { m_system = std::make_unique<corvid::SystemClock>(); }
+    void UseSystemClock() { m_system.emplace(); }
 
     std::uint64_t now_ns = 1'000'000'000;
     std::vector<unsigned int> sleeps;
     std::function<void(std::uint64_t ns)> on_sleep;
 
 private:
-    std::unique_ptr<corvid::SystemClock> m_system;
+    std::optional<corvid::SystemClock> m_system;
 };
