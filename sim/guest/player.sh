@@ -4,9 +4,9 @@
 # A scenario gets its own root: an overlay whose lower layers are the host's
 # root file system (the programs and their libraries, read-only over 9p)
 # below the runner's shared layers, if any (vx_layers: the arm64 player's
-# user space), and whose upper layer is on a fresh tmpfs of its own, so /etc/issue and
-# everything else the program writes stays in the guest and dies with the
-# scenario. Inside it:
+# user space), and whose upper layer is on a fresh tmpfs of its own, so
+# /etc/issue and everything else the program writes stays in the guest and
+# dies with the scenario. Inside it:
 # fresh sysfs and devtmpfs, tmpfs /run, the kernel's procfs under
 # /run/vxsim/procfs, and a tmpfs /proc that holds the scenario's own files
 # (boardid, the renamed mtd table, any override) and symlinks into the real
