@@ -58,9 +58,11 @@ TEST(ShowLedErrorPattern, AButtonWatchedFromTheFirstRoundEndsAFlash)
 }
 
 // Real signals in real waits, on the system's clock. Each gap between the
-// board's events (on and off, in turn) is never shorter than its phases and
-// at most LATE_MS longer on a loaded machine.
-constexpr double LATE_MS = 60;
+// board's events (on and off, in turn) is never shorter than its phase, and
+// at most LATE_MS longer: a loaded build machine (two test programs and a
+// simulated player on two cores) wakes a sleeper that much late, while a
+// signal noticed a round too late shows 1500 ms and more.
+constexpr double LATE_MS = 200;
 
 // Sends signal (0: none) at at_ns (CLOCK_MONOTONIC) from a thread that
 // blocks every signal, so that the thread showing the pattern takes it in
@@ -132,7 +134,9 @@ TEST(ShowLedErrorPatternRealTime, SignalsShortenNoPhaseAndCountOnlyForTheirPatte
         const std::uint64_t end = clock.NowNanoseconds();
         sender.join();
         ExpectGaps(start, board.events, end, c.phases, c.what);
-        EXPECT_NEAR((double(end) - double(sent)) / 1e6, c.end_ms - c.at_ms, LATE_MS) << c.what; // the latency
+        // The latency; a signal sent late only shortens it, and a wait that
+        // ends early shows in its own gap.
+        EXPECT_LE((double(end) - double(sent)) / 1e6, c.end_ms - c.at_ms + LATE_MS) << c.what;
         EXPECT_TRUE(dispatcher.GetObservers().empty());
         struct sigaction action {};
         sigaction(SIGTERM, nullptr, &action);
