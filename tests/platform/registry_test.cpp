@@ -1,5 +1,5 @@
 // The registry client against the real service on a private bus, and against
-// a stand-in whose replies have the wrong shape.
+// a stand-in that answers with chosen errors and replies of the wrong shape.
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -120,9 +120,10 @@ TEST_F(RegistryTest, InvalidUtf8IsRefusedBeforeAnythingIsSent)
     EXPECT_EQ(bus.ServiceLog().substr(bus.ServiceLog().find('\n') + 1), "vx-registryd: Flush\n"); // the only request
 }
 
-// In a child process: owns the service's name and answers SectionList with
-// a string and every other call with an array of strings.
-[[noreturn]] void ServeWrongShapes(int ready)
+// In a child process, a stand-in for the service: owns its name, answers
+// Read(name, text) with the error of that name and text, SectionList with a
+// string and every other call with an array of strings.
+[[noreturn]] void ServeStandIn(int ready)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     DBusConnection* bus = dbus_bus_get_private(DBUS_BUS_SYSTEM, nullptr);
@@ -133,11 +134,19 @@ TEST_F(RegistryTest, InvalidUtf8IsRefusedBeforeAnythingIsSent)
     const char** array = strings;
     while (dbus_connection_read_write(bus, -1)) {
         while (DBusMessage* call = dbus_connection_pop_message(bus)) {
-            DBusMessage* reply = dbus_message_new_method_return(call);
-            if (dbus_message_is_method_call(call, REGISTRY_INTERFACE, "SectionList"))
-                dbus_message_append_args(reply, DBUS_TYPE_STRING, array, DBUS_TYPE_INVALID);
-            else
-                dbus_message_append_args(reply, DBUS_TYPE_ARRAY, DBUS_TYPE_STRING, &array, 1, DBUS_TYPE_INVALID);
+            const char *name = nullptr, *text = nullptr;
+            DBusMessage* reply = nullptr;
+            if (dbus_message_is_method_call(call, REGISTRY_INTERFACE, "Read") &&
+                dbus_message_get_args(call, nullptr, DBUS_TYPE_STRING, &name, DBUS_TYPE_STRING, &text,
+                                      DBUS_TYPE_INVALID)) {
+                reply = dbus_message_new_error(call, name, text);
+            } else {
+                reply = dbus_message_new_method_return(call);
+                if (dbus_message_is_method_call(call, REGISTRY_INTERFACE, "SectionList"))
+                    dbus_message_append_args(reply, DBUS_TYPE_STRING, array, DBUS_TYPE_INVALID);
+                else
+                    dbus_message_append_args(reply, DBUS_TYPE_ARRAY, DBUS_TYPE_STRING, &array, 1, DBUS_TYPE_INVALID);
+            }
             dbus_connection_send(bus, reply, nullptr);
             dbus_message_unref(reply);
             dbus_message_unref(call);
@@ -146,18 +155,30 @@ TEST_F(RegistryTest, InvalidUtf8IsRefusedBeforeAnythingIsSent)
     _exit(0);
 }
 
-TEST_F(RegistryTest, RepliesOfTheWrongShapeGiveTheBindingsErrorUnmapped)
+TEST_F(RegistryTest, AStandInsErrorsMapByTheirNamesAndRepliesOfTheWrongShapePassThrough)
 {
     bus.StopService();
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
     const pid_t pid = fork();
     if (pid == 0)
-        ServeWrongShapes(ready[1]);
+        ServeStandIn(ready[1]);
     close(ready[1]);
     char byte = 0;
     ASSERT_EQ(read(ready[0], &byte, 1), 1);
     close(ready[0]);
+    // The service's errors by the names the client knows them by, written
+    // out here rather than taken from the build's names.
+    const std::vector<std::pair<std::string, std::string>> errors = {
+        {"com.tessalabs.Registry.Errors.InvalidName", "Registry::InvalidName: Invalid name: InvalidName"},
+        {"com.tessalabs.Registry.Errors.Full", "Registry::Full: Registry full"},
+        {"com.tessalabs.Registry.Errors.InvalidJson", "Registry::InvalidJson: Invalid JSON format:Invalid JSON"},
+        {"com.tessalabs.Registry.Errors.NotFound", "com.tessalabs.Registry.Errors.NotFound: the service's text"},
+        {"com.tessalabs.Registry.Errors.FullX", "com.tessalabs.Registry.Errors.FullX: the service's text"},
+        {"com.veltrix.Registry.Errors.Full", "com.veltrix.Registry.Errors.Full: the service's text"},
+        {"org.freedesktop.DBus.Error.InvalidArgs", "org.freedesktop.DBus.Error.InvalidArgs: the service's text"}};
+    for (const auto& [name, thrown] : errors)
+        EXPECT_EQ(Failure([&] { registry.Read(name, "the service's text"); }), thrown) << name;
     EXPECT_EQ(Failure([&] { registry.SectionList(); }), "org.freedesktop.DBus.Error.InvalidArgs: array expected");
     EXPECT_EQ(Failure([&] { registry.KeyList("s"); }),
               "org.freedesktop.DBus.Error.InvalidArgs: dictionary value expected");

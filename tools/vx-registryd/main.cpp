@@ -32,7 +32,7 @@ constexpr const char* USAGE = "usage: vx-registryd [--store FILE] [--verbose]\n"
 // The service's object: every method runs on the store, whose failures go
 // back as the registry's D-Bus errors. With verbose, each request is logged
 // on standard error by its member name.
-class RegistryService final : public com::veltrix::Registry_adaptor,
+class RegistryService final : public com::tessalabs::Registry_adaptor,
                               public DBus::IntrospectableAdaptor,
                               public DBus::ObjectAdaptor {
 public:
