@@ -8,7 +8,6 @@
 #include <functional>
 #include <thread>
 
-#include <boost/core/demangle.hpp>
 #include <dbus/dbus.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -21,19 +20,7 @@ namespace {
 
 using Keys = std::map<std::string, std::string>;
 using Sections = std::map<std::string, Keys>;
-
-// "<type>: <what>" of the call's exception; a D-Bus error by its name.
-std::string Failure(const std::function<void()>& call)
-{
-    try {
-        call();
-    } catch (const DBus::Error& e) {
-        return std::string(e.name()) + ": " + e.message();
-    } catch (const std::exception& e) {
-        return boost::core::demangle(typeid(e).name()) + ": " + e.what();
-    }
-    return "none";
-}
+using vxtest::Failure;
 
 class RegistryTest : public testing::Test {
 protected:

@@ -1,0 +1,89 @@
+// What a program may find where it expects to write a file (a FIFO, a
+// symbolic link, a directory), and a small disk that fills up or turns
+// read-only. Tests of every path a program writes run their cases over
+// HOSTILE_KINDS; a SmallDisk needs root in a private mount namespace, which
+// the test programs' main sets up (see VXTEST_REQUIRE_ISOLATION).
+#pragma once
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "support/programs.h"
+
+namespace vxtest {
+
+enum class Hostile { Fifo, Symlink, Directory };
+inline const std::vector<Hostile> HOSTILE_KINDS = {Hostile::Fifo, Hostile::Symlink, Hostile::Directory};
+
+inline const char* Name(Hostile kind)
+{
+    return kind == Hostile::Fifo ? "FIFO" : kind == Hostile::Symlink ? "symbolic link" : "directory";
+}
+
+// Puts a thing of that kind at path; a link points at link_target.
+inline void Plant(Hostile kind, const std::string& path, const std::string& link_target)
+{
+    const int result = kind == Hostile::Fifo      ? mkfifo(path.c_str(), 0644)
+                       : kind == Hostile::Symlink ? symlink(link_target.c_str(), path.c_str())
+                                                  : mkdir(path.c_str(), 0755);
+    if (result != 0)
+        throw std::runtime_error("cannot plant a " + std::string(Name(kind)) + " at " + path);
+}
+
+// The kind of thing at path (without following a link), or -1 when there is none.
+inline int FileType(const std::string& path)
+{
+    struct stat st = {};
+    return lstat(path.c_str(), &st) == 0 ? static_cast<int>(st.st_mode & S_IFMT) : -1;
+}
+inline int FileType(Hostile kind)
+{
+    return kind == Hostile::Fifo ? S_IFIFO : kind == Hostile::Symlink ? S_IFLNK : S_IFDIR;
+}
+
+// A tmpfs of the given size, mounted over a scratch directory of its own.
+class SmallDisk {
+public:
+    explicit SmallDisk(std::size_t bytes)
+    {
+        if (mount("tmpfs", Path().c_str(), "tmpfs", MS_NOSUID | MS_NODEV,
+                  ("size=" + std::to_string(bytes) + ",mode=0755").c_str()) != 0)
+            throw std::runtime_error("cannot mount a tmpfs on " + Path());
+    }
+    ~SmallDisk() { umount2(Path().c_str(), MNT_DETACH); }
+    SmallDisk(const SmallDisk&) = delete;
+    SmallDisk& operator=(const SmallDisk&) = delete;
+
+    const std::string& Path() const { return m_dir.Path(); }
+    // Takes every free block with a file of its own ("filler").
+    void Fill()
+    {
+        const int fd = open((Path() + "/filler").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+        const std::string block(4096, 'f');
+        while (fd >= 0 && write(fd, block.data(), block.size()) > 0) {
+        }
+        const bool full = errno == ENOSPC;
+        close(fd);
+        if (!full)
+            throw std::runtime_error("cannot fill " + Path());
+    }
+    void Free() { unlink((Path() + "/filler").c_str()); }
+    void SetReadOnly(bool read_only)
+    {
+        if (mount(nullptr, Path().c_str(), nullptr, MS_REMOUNT | MS_NOSUID | MS_NODEV | (read_only ? MS_RDONLY : 0),
+                  nullptr) != 0)
+            throw std::runtime_error("cannot remount " + Path());
+    }
+
+private:
+    TempDir m_dir;
+};
+
+} // namespace vxtest
