@@ -1,9 +1,15 @@
-// The debugger flag, the signal policy and the observer registry.
+// The debugger flag, the signal policy, the observer registry and the D-Bus
+// dispatcher's owner.
 #include <pthread.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <functional>
+#include <future>
 #include <string>
 
 #include <dbus-c++/dispatcher.h>
@@ -11,6 +17,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/async_signals.h"
+#include "platform/dbus_dispatcher.h"
 #include "platform/debug_helpers.h"
 #include "support/fake_context.h"
 #include "support/programs.h"
@@ -94,7 +101,7 @@ TEST(SignalDispatcher, ObserversInOrderAndDeliveryOutsideTheHandler)
               std::string::npos);
 }
 
-TEST(EnsureDBusDispatcher, TheStaticInstanceInstalledADispatcherBeforeMain)
+TEST(EnsureDBusDispatcher, TheStaticOwnerInstalledADispatcherAndAFailedWakeUpAtExitKeepsTheStatus)
 {
     ASSERT_NE(DBus::default_dispatcher, nullptr);
     // The last instance wakes the loop at exit; when that write fails the
@@ -106,6 +113,72 @@ TEST(EnsureDBusDispatcher, TheStaticInstanceInstalledADispatcherBeforeMain)
             std::exit(3);
         },
         testing::ExitedWithCode(3), "");
+}
+
+// Called by the dispatcher's loop: notes which thread runs it, then returns
+// or, told to hang, never does.
+struct LoopProbe {
+    void Expired(DBus::DefaultTimeout& timeout)
+    {
+        timeout.enabled(false);
+        char name[16] = {};
+        prctl(PR_GET_NAME, name);
+        sigset_t blocked;
+        pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+        seen.set_value(std::string(name) + (sigismember(&blocked, SIGTERM) && sigismember(&blocked, SIGHUP)
+                                                ? " with SIGTERM and SIGHUP blocked\n"
+                                                : " with signals unblocked\n"));
+        while (hang)
+            pause();
+    }
+    bool hang;
+    std::promise<std::string> seen;
+};
+
+// In a child: an owner that asks for the thread comes and goes, the loop
+// runs a timeout on that thread, and at exit the static owner, the last one,
+// stops the loop and joins the thread.
+[[noreturn]] void DispatchOnTheThread(bool hang)
+{
+    LoopProbe probe{hang, {}};
+    std::string seen = "nothing ran the loop\n";
+    {
+        FakeContext context; // where the thread reads the debugger flag
+        context.WriteFile("/proc/cmdline", "quiet\n");
+        // Before the thread, so that its first wait ends with it; the dispatcher deletes it.
+        auto* timeout =
+            new DBus::DefaultTimeout(1, false, dynamic_cast<DBus::BusDispatcher*>(DBus::default_dispatcher));
+        timeout->expired = new DBus::Callback<LoopProbe, void, DBus::DefaultTimeout&>(&probe, &LoopProbe::Expired);
+        {
+            const EnsureDBusDispatcher with_thread(true);
+        }
+        std::future<std::string> ran = probe.seen.get_future();
+        if (ran.wait_for(std::chrono::seconds(5)) == std::future_status::ready)
+            seen = ran.get();
+    }
+    std::fputs(seen.c_str(), stderr);
+    std::exit(3);
+}
+
+TEST(EnsureDBusDispatcher, AskedForItsThreadItStartsOneThatDispatchesAndIsJoinedWithinTenSeconds)
+{
+    VXTEST_REQUIRE_ISOLATION();
+    const std::string ran = "^DbusDispatcher with SIGTERM and SIGHUP blocked\n";
+    const struct {
+        bool hang;
+        std::function<bool(int)> ended;
+        std::string err;
+        double least_s, most_s;
+    } runs[] = {{false, testing::ExitedWithCode(3), ran + "$", 0, 5},
+                {true, testing::KilledBySignal(SIGABRT),
+                 ran + "~EnsureDBusDispatcher thread failed to exit in a timely manner\\.\n$", 10, 15}};
+    for (const auto& run : runs) {
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EXIT(DispatchOnTheThread(run.hang), run.ended, run.err);
+        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+        EXPECT_GE(took.count(), run.least_s) << run.hang;
+        EXPECT_LT(took.count(), run.most_s) << run.hang;
+    }
 }
 
 } // namespace
