@@ -64,28 +64,6 @@ TEST_F(RegistryTest, EveryOperationReachesTheStore)
     EXPECT_EQ(Stored(), Sections());
 }
 
-TEST_F(RegistryTest, TheServicesErrorsBecomeExceptionsWithFixedTexts)
-{
-    registry.Write("s", "k", "v");
-    const std::string name = "Registry::InvalidName: Invalid name: InvalidName";
-    EXPECT_EQ(Failure([&] { registry.Write("", "", ""); }), name); // sent, and refused by the service
-    EXPECT_EQ(Failure([&] { registry.KeyList("bad name"); }), name);
-    EXPECT_EQ(Failure([&] { registry.Read("s", std::string(129, 'k')); }), name);
-    const std::string json = "Registry::InvalidJson: Invalid JSON format:Invalid JSON";
-    EXPECT_EQ(Failure([&] { registry.WriteJson(R"({"s": )"); }), json);
-    EXPECT_EQ(Failure([&] { registry.WriteJson(R"({"s": {"k": 1}})"); }), json);
-    // Names and values may take 1 MiB together; "s", "k" and "v" hold 3 bytes.
-    EXPECT_EQ(Failure([&] { registry.Write("s", "b", std::string((1 << 20) - 3, 'x')); }),
-              "Registry::Full: Registry full");
-    const std::string before = registry.ReadAllJson();
-    EXPECT_EQ(Failure([&] { registry.WriteJson(R"({"a": {"b": "c"}, "x y": {}})"); }), name);
-    EXPECT_EQ(registry.ReadAllJson(), before);
-    registry.Write("s", "b", std::string((1 << 20) - 4, 'x'));
-    // Any other error arrives as the service sent it.
-    EXPECT_EQ(Failure([&] { registry.Read("s", "missing"); }),
-              std::string(REGISTRY_ERROR_NOT_FOUND) + ": No key 'missing' in section 's'");
-}
-
 TEST_F(RegistryTest, InvalidUtf8IsRefusedBeforeAnythingIsSent)
 {
     using S = const std::string&;

@@ -1,6 +1,6 @@
 // What a program may find where it expects to write a file (a FIFO, a
 // symbolic link, a directory), and a small disk that fills up or turns
-// read-only. Tests of every path a program writes run their cases over
+// read-only. Tests of a path that a program writes run their cases over
 // HOSTILE_KINDS; a SmallDisk needs root in a private mount namespace, which
 // the test programs' main sets up (see VXTEST_REQUIRE_ISOLATION).
 #pragma once
@@ -19,13 +19,9 @@
 
 namespace vxtest {
 
-enum class Hostile { Fifo, Symlink, Directory };
+// Each kind is the file type that lstat reports for it.
+enum class Hostile : int { Fifo = S_IFIFO, Symlink = S_IFLNK, Directory = S_IFDIR };
 inline const std::vector<Hostile> HOSTILE_KINDS = {Hostile::Fifo, Hostile::Symlink, Hostile::Directory};
-
-inline const char* Name(Hostile kind)
-{
-    return kind == Hostile::Fifo ? "FIFO" : kind == Hostile::Symlink ? "symbolic link" : "directory";
-}
 
 // Puts a thing of that kind at path; a link points at link_target.
 inline void Plant(Hostile kind, const std::string& path, const std::string& link_target)
@@ -34,18 +30,14 @@ inline void Plant(Hostile kind, const std::string& path, const std::string& link
                        : kind == Hostile::Symlink ? symlink(link_target.c_str(), path.c_str())
                                                   : mkdir(path.c_str(), 0755);
     if (result != 0)
-        throw std::runtime_error("cannot plant a " + std::string(Name(kind)) + " at " + path);
+        throw std::runtime_error("cannot plant a file of type " + std::to_string(static_cast<int>(kind)) + " at " + path);
 }
 
-// The kind of thing at path (without following a link), or -1 when there is none.
+// The file type at path (S_IFREG, or a Hostile's), not following a link; -1 when there is nothing.
 inline int FileType(const std::string& path)
 {
     struct stat st = {};
     return lstat(path.c_str(), &st) == 0 ? static_cast<int>(st.st_mode & S_IFMT) : -1;
-}
-inline int FileType(Hostile kind)
-{
-    return kind == Hostile::Fifo ? S_IFIFO : kind == Hostile::Symlink ? S_IFLNK : S_IFDIR;
 }
 
 // A tmpfs of the given size, mounted over a scratch directory of its own.
@@ -53,8 +45,8 @@ class SmallDisk {
 public:
     explicit SmallDisk(std::size_t bytes)
     {
-        if (mount("tmpfs", Path().c_str(), "tmpfs", MS_NOSUID | MS_NODEV,
-                  ("size=" + std::to_string(bytes) + ",mode=0755").c_str()) != 0)
+        const std::string options = "size=" + std::to_string(bytes) + ",mode=0755";
+        if (mount("tmpfs", Path().c_str(), "tmpfs", MS_NOSUID | MS_NODEV, options.c_str()) != 0)
             throw std::runtime_error("cannot mount a tmpfs on " + Path());
     }
     ~SmallDisk() { umount2(Path().c_str(), MNT_DETACH); }
@@ -62,7 +54,7 @@ public:
     SmallDisk& operator=(const SmallDisk&) = delete;
 
     const std::string& Path() const { return m_dir.Path(); }
-    // Takes every free block with a file of its own ("filler").
+    // Takes every free block with a file of its own, "filler".
     void Fill()
     {
         const int fd = open((Path() + "/filler").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);

@@ -1,16 +1,16 @@
 // vx-registryd where the world around it misbehaves: a disk that fills up or
 // turns read-only, hostile files at its store and its temporary file, a
-// store that does not load, a directory that others may write, requests too
-// large or not UTF-8, a client that leaves in the middle of a call.
+// store that does not load, a directory that others may write, requests that
+// break its rules or are too large, a client that leaves in mid-call.
 #include <dbus/dbus.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -23,31 +23,31 @@ namespace {
 
 using vxtest::Failure;
 
-const std::string FAILED = "com.tessalabs.Registry.Errors.Failed: ";
+const std::string ERRORS = "com.tessalabs.Registry.Errors.", FAILED = ERRORS + "Failed: ";
 
-// The names in a directory, sorted; the disk's filler left out.
+// The names in a directory but the disk's filler, sorted.
 std::vector<std::string> Entries(const std::string& dir)
 {
     std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
-        if (entry.path().filename() != "filler")
-            names.push_back(entry.path().filename().string());
-    }
+    for (const auto& entry : std::filesystem::directory_iterator(dir))
+        names.push_back(entry.path().filename().string());
+    std::erase(names, "filler");
     std::sort(names.begin(), names.end());
     return names;
 }
 
-// The one name in dir, which must be the store set aside; checks the service's report of it.
-std::string SetAside(const std::string& dir, const std::string& log, const std::string& problem)
+std::string Repeat(const std::string& text, int times)
 {
-    const std::vector<std::string> entries = Entries(dir);
-    const std::string aside = entries.size() == 1 ? entries[0] : "?";
-    EXPECT_TRUE(std::regex_match(aside, std::regex(R"(registry\.json\.corrupt-\d{8}T\d{6}Z)"))) << aside;
-    EXPECT_NE(log.find("vx-registryd: " + dir + "/registry.json: " + problem + "; set aside as " + aside +
-                       ", starting with an empty registry\n"),
-              std::string::npos)
-        << log;
-    return dir + "/" + aside;
+    std::string repeated;
+    while (times-- > 0)
+        repeated += text;
+    return repeated;
+}
+
+ino_t Inode(const std::string& path)
+{
+    struct stat st = {};
+    return lstat(path.c_str(), &st) == 0 ? st.st_ino : 0;
 }
 
 class RegistryService : public testing::Test {
@@ -67,9 +67,7 @@ TEST_F(RegistryService, OnADiskThatIsFullThenReadOnlyThenFreedItServesReadsRefus
     umask(umask_before);
     registry.Write("net", "host", "p1");
     registry.WriteJson(R"({"net": {"host": "p2", "mtu": "1500"}, "old": {"k": "v"}})");
-    struct stat st = {};
-    ASSERT_EQ(stat(dir.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0700u);
+    EXPECT_EQ(std::filesystem::status(dir).permissions(), std::filesystem::perms::owner_all);
     const std::string acknowledged = registry.ReadAllJson();
     const std::vector<std::function<void()>> writes = {
         [&] { registry.Write("net", "host", "p3"); }, [&] { registry.WriteJson("{}"); },
@@ -95,86 +93,75 @@ TEST_F(RegistryService, OnADiskThatIsFullThenReadOnlyThenFreedItServesReadsRefus
     EXPECT_EQ(registry.ReadAllJson(), "{\n  \"net\": {\n    \"host\": \"p2\",\n    \"mtu\": \"1500\"\n  }\n}\n");
 }
 
-TEST_F(RegistryService, AHostileFileAtTheStoreIsSetAsideAndOneAtTheTemporaryFileIsReplacedNeverFollowed)
+TEST_F(RegistryService, WhatDoesNotLoadIsSetAsideOnceAndTheRegistryStartsEmpty)
 {
-    for (const vxtest::Hostile kind : vxtest::HOSTILE_KINDS) {
-        SCOPED_TRACE(vxtest::Name(kind));
-        const vxtest::TempDir dir;
-        const std::string store = dir.Path() + "/registry.json";
-        const vxtest::TempDir elsewhere;
-        const std::string target = elsewhere.WriteFile("target", "{\"s\": {}}", 0600);
-        vxtest::Plant(kind, store, target);
-        bus.StartService(store); // at once: a FIFO is not waited on
-        EXPECT_EQ(registry.ReadAllJson(), "{}\n");
-        const std::string aside = SetAside(
-            dir.Path(), bus.ServiceLog(),
-            kind == vxtest::Hostile::Symlink ? "a symbolic link, not a regular file" : "not a regular file");
-        EXPECT_EQ(vxtest::FileType(aside), vxtest::FileType(kind));
-
-        vxtest::Plant(kind, store + ".tmp", target);
-        if (kind == vxtest::Hostile::Directory) {
-            EXPECT_EQ(Failure([&] { registry.Write("s", "k", "v"); }), FAILED + store + ".tmp: Is a directory (errno 21)");
-            EXPECT_EQ(vxtest::FileType(store), -1);
-        } else {
-            registry.Write("s", "k", "v");
-            EXPECT_EQ(vxtest::FileType(store), S_IFREG);
-            EXPECT_EQ(vxtest::FileType(store + ".tmp"), -1);
-        }
-        EXPECT_EQ(vxtest::ReadFile(target), "{\"s\": {}}");
-    }
-}
-
-TEST_F(RegistryService, AStoreThatDoesNotLoadIsSetAsideOnceAndTheRegistryStartsEmpty)
-{
-    const std::string full_value(1 << 20, 'x'); // with the names, one byte past the registry's limit
+    const vxtest::TempDir elsewhere;
+    const std::string target = elsewhere.WriteFile("target", "{}", 0600);
     const std::string json = "Invalid JSON format:", syntax = json + "[json.exception.parse_error.101] parse error at line 1, ";
-    const std::vector<std::pair<std::string, std::string>> stores = {
-        {R"({"net": {"host": )", syntax + "column 18: syntax error while parsing value - unexpected end of input; "
-                                          "expected '[', '{', or a literal"},
-        {"{\"s\": {\"k\": \"\xff\"}}", syntax + "column 14: syntax error while parsing value - invalid string: "
-                                                "ill-formed UTF-8 byte; last read: '\"?'"},
-        {"[]", json + "the document is not an object of sections"},
-        {R"({"net": {"host": "p"}, "net": {}})", json + "section 'net' appears twice"},
-        {R"({"s": {"k": 1}})", json + "the value of 's.k' is not a string"},
-        {R"({"a b": {}})", "Invalid name: a b"},
-        {R"({"s": {"k": ")" + full_value + "\"}}", "Registry full"}};
-    for (const auto& [content, problem] : stores) {
+    const auto with = [](std::string content) { return [=](const std::string& path) { std::ofstream(path) << content; }; };
+    std::vector<std::pair<std::function<void(const std::string&)>, std::string>> stores = {
+        {with(R"({"net": {"host": )"), syntax + "column 18: syntax error while parsing value - unexpected end of "
+                                                "input; expected '[', '{', or a literal"},
+        {with("[]"), json + "the document is not an object of sections"},
+        {with(R"({"net": {"host": "p"}, "net": {}})"), json + "section 'net' appears twice"},
+        {with(R"({"s": {"k": 1}})"), json + "the value of 's.k' is not a string"},
+        {with(R"({"s": {"k": ")" + std::string(1 << 20, 'x') + "\"}}"), "Registry full"}, // a byte too many
+        {[](const std::string& path) { std::ofstream(path).close(), truncate(path.c_str(), 300'000'000); },
+         "300000000 bytes or more, larger than a registry's file (16777216 bytes)"}};
+    for (const vxtest::Hostile kind : vxtest::HOSTILE_KINDS) {
+        stores.emplace_back([&, kind](const std::string& path) { vxtest::Plant(kind, path, target); },
+                            kind == vxtest::Hostile::Symlink ? "a symbolic link, not a regular file"
+                                                            : "not a regular file");
+    }
+    for (const auto& [plant, problem] : stores) {
         SCOPED_TRACE(problem);
         const vxtest::TempDir dir;
-        dir.WriteFile("registry.json", content);
-        bus.StartService(dir.Path() + "/registry.json");
+        plant(dir.Path() + "/registry.json");
+        const ino_t inode = Inode(dir.Path() + "/registry.json");
+        bus.StartService(dir.Path() + "/registry.json"); // at once: a FIFO is not waited on
         EXPECT_EQ(registry.SectionList(), std::vector<std::string>());
-        EXPECT_EQ(vxtest::ReadFile(SetAside(dir.Path(), bus.ServiceLog(), problem)), content);
+        const std::string aside = Entries(dir.Path()).back();
+        EXPECT_TRUE(std::regex_match(aside, std::regex(R"(registry\.json\.corrupt-\d{8}T\d{6}Z)"))) << aside;
+        EXPECT_EQ(Inode(dir.Path() + "/" + aside), inode);
+        EXPECT_NE(bus.ServiceLog().find("vx-registryd: " + dir.Path() + "/registry.json: " + problem +
+                                        "; set aside as " + aside + ", starting with an empty registry\n"),
+                  std::string::npos)
+            << bus.ServiceLog();
     }
-    // Too large to be a registry's file: refused before it is read, whatever it holds.
-    const vxtest::TempDir dir;
-    ASSERT_EQ(truncate(dir.WriteFile("registry.json", "").c_str(), 300'000'000), 0);
-    bus.StartService(dir.Path() + "/registry.json");
-    EXPECT_EQ(std::filesystem::file_size(SetAside(dir.Path(), bus.ServiceLog(),
-                                                  "300000000 bytes or more, larger than a registry's file "
-                                                  "(16777216 bytes)")),
-              300'000'000u);
-}
+    EXPECT_EQ(vxtest::ReadFile(target), "{}");
 
-TEST_F(RegistryService, AStoreThatCannotBeSetAsideStaysAndEveryChangeFailsUntilItCan)
-{
+    // On a read-only disk it stays where it is, and every change fails until it can be set aside.
     vxtest::SmallDisk disk(64 * 1024);
     const std::string store = disk.Path() + "/registry.json";
     std::ofstream(store) << "{";
     disk.SetReadOnly(true);
     bus.StartService(store);
-    EXPECT_NE(bus.ServiceLog().find("; it cannot be set aside (" + store +
-                                    ": Read-only file system (errno 30)), so the registry starts empty and every "
-                                    "change fails until it can\n"),
+    EXPECT_NE(bus.ServiceLog().find("; it cannot be set aside (" + store + ": Read-only file system (errno 30)), so "
+                                    "the registry starts empty and every change fails until it can\n"),
               std::string::npos);
-    EXPECT_EQ(registry.ReadAllJson(), "{}\n");
     EXPECT_EQ(Failure([&] { registry.Write("s", "k", "v"); }), FAILED + store + ": Read-only file system (errno 30)");
     disk.SetReadOnly(false);
     registry.Write("s", "k", "v");
-    const std::vector<std::string> entries = Entries(disk.Path());
-    ASSERT_EQ(entries.size(), 2u);
-    EXPECT_EQ(entries[0], "registry.json");
-    EXPECT_EQ(vxtest::ReadFile(disk.Path() + "/" + entries[1]), "{");
+    const std::string aside = Entries(disk.Path()).back();
+    EXPECT_EQ(Entries(disk.Path()).front() + " " + vxtest::ReadFile(disk.Path() + "/" + aside), "registry.json {");
+    EXPECT_NE(bus.ServiceLog().find("vx-registryd: " + store + " set aside as " + aside + "\n"), std::string::npos);
+}
+
+TEST_F(RegistryService, AThingAtTheTemporaryFilesNameIsRemovedNeverFollowed)
+{
+    const vxtest::TempDir dir, elsewhere;
+    const std::string store = dir.Path() + "/registry.json", target = elsewhere.WriteFile("target", "{}", 0600);
+    bus.StartService(store);
+    for (const vxtest::Hostile kind : vxtest::HOSTILE_KINDS) {
+        SCOPED_TRACE(static_cast<int>(kind));
+        vxtest::Plant(kind, store + ".tmp", target);
+        const bool directory = kind == vxtest::Hostile::Directory; // never removed: the change fails
+        EXPECT_EQ(Failure([&] { registry.Write("s", "k", "v"); }),
+                  directory ? FAILED + store + ".tmp: Is a directory (errno 21)" : "none");
+        EXPECT_EQ(vxtest::FileType(store + ".tmp"), directory ? S_IFDIR : -1);
+    }
+    EXPECT_EQ(vxtest::FileType(store), S_IFREG);
+    EXPECT_EQ(vxtest::ReadFile(target), "{}");
 }
 
 TEST(RegistryServiceStart, RefusesADirectoryThatOthersMayWriteOrThatIsNotItsOwn)
@@ -183,7 +170,6 @@ TEST(RegistryServiceStart, RefusesADirectoryThatOthersMayWriteOrThatIsNotItsOwn)
     const std::vector<std::tuple<mode_t, uid_t, std::string>> directories = {
         {0770, 0, "may be written by group or others (mode 0770)"},
         {0702, 0, "may be written by group or others (mode 0702)"},
-        {01777, 0, "may be written by group or others (mode 1777)"},
         {0700, 65534, "belongs to uid 65534, not to this service's uid 0"}};
     for (const auto& [mode, owner, problem] : directories) {
         const vxtest::TempDir dir;
@@ -198,39 +184,46 @@ TEST(RegistryServiceStart, RefusesADirectoryThatOthersMayWriteOrThatIsNotItsOwn)
     }
 }
 
-// In a child process: sends a call on a connection of its own and exits
-// without waiting for the reply.
-void SendAndLeave(const char* member, const std::string& argument)
-{
-    const pid_t pid = fork();
-    if (pid == 0) {
-        DBusConnection* bus = dbus_bus_get_private(DBUS_BUS_SYSTEM, nullptr);
-        DBusMessage* call = dbus_message_new_method_call(REGISTRY_BUS_NAME, REGISTRY_OBJECT_PATH, REGISTRY_INTERFACE, member);
-        const char* text = argument.c_str();
-        dbus_message_append_args(call, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
-        _exit(bus && dbus_connection_send(bus, call, nullptr) ? (dbus_connection_flush(bus), 0) : 1);
-    }
-    EXPECT_EQ(vxtest::Reap(pid), 0);
-}
-
-TEST_F(RegistryService, RepliesRepeatAnExcerptInValidUtf8AndAClientThatLeavesMidCallHurtsNothing)
+TEST_F(RegistryService, ErrorsNameTheRuleRepeatingOnlyAnExcerptAndAClientThatLeavesMidCallHurtsNothing)
 {
     const vxtest::TempDir dir;
     bus.StartService(dir.Path() + "/registry.json");
     DBus::Connection connection = DBus::Connection::SystemBus();
-    RegistryProxy proxy(connection);
-    const std::string long_name(30'000'000, 'k'), excerpt = std::string(128, 'k') + "...";
+    RegistryProxy proxy(connection); // the service's own texts, which the client drops
+    proxy.Write("s", "k", "v");
+    const std::string before = proxy.ReadAllJson(), huge(30'000'000, 'k'), excerpt = std::string(128, 'k') + "...";
     const std::vector<std::pair<std::function<void()>, std::string>> requests = {
-        {[&] { proxy.Read("s", long_name); }, "InvalidName: Invalid name: " + excerpt},
-        {[&] { proxy.WriteJson("{\"" + long_name + "\": {}}"); }, "InvalidName: Invalid name: " + excerpt},
-        {[&] { proxy.WriteJson("{\"s\": {\"k\": \"" + long_name + "\"}}"); }, "Full: Registry full"},
+        {[&] { proxy.Write("", "k", "v"); }, "InvalidName: Invalid name: "},
+        {[&] { proxy.KeyList("bad name"); }, "InvalidName: Invalid name: bad name"},
+        {[&] { proxy.Read("s", std::string(129, 'k')); }, "InvalidName: Invalid name: " + excerpt},
+        {[&] { proxy.Read("s", huge); }, "InvalidName: Invalid name: " + excerpt},
+        {[&] { proxy.Read("s", Repeat("\u20ac", 50)); }, "InvalidName: Invalid name: " + Repeat("\u20ac", 42) + "..."},
+        {[&] { proxy.WriteJson(R"({"a": {"b": "c"}, ")" + huge + "\": {}}"); }, "InvalidName: Invalid name: " + excerpt},
+        {[&] { proxy.Read("s", "missing"); }, "NotFound: No key 'missing' in section 's'"},
+        // Names and values may take 1 MiB together; "s", "k" and "v" hold 3 bytes.
+        {[&] { proxy.Write("s", "b", std::string((1 << 20) - 3, 'x')); }, "Full: Registry full"},
+        {[&] { proxy.WriteJson("{\"s\": {\"k\": \"" + huge + "\"}}"); }, "Full: Registry full"},
         {[&] { proxy.WriteJson("{\"a\": \xc3\xbc}"); },
          "InvalidJson: Invalid JSON format:[json.exception.parse_error.101] parse error at line 1, column 7: syntax "
          "error while parsing value - invalid literal; last read: '\"a\": ?'"}};
     for (const auto& [request, reply] : requests)
-        EXPECT_EQ(Failure(request), "com.tessalabs.Registry.Errors." + reply);
-    SendAndLeave("WriteJson", R"({"s": {"k": "from a client that left"}})");
-    EXPECT_EQ(registry.Read("s", "k"), "from a client that left");
+        EXPECT_EQ(Failure(request), ERRORS + reply);
+    EXPECT_EQ(proxy.ReadAllJson(), before);
+    proxy.Write("s", "b", std::string((1 << 20) - 4, 'x'));
+
+    // A client that sends a call and exits without waiting for the reply.
+    const pid_t pid = fork();
+    if (pid == 0) {
+        DBusConnection* bus = dbus_bus_get_private(DBUS_BUS_SYSTEM, nullptr);
+        DBusMessage* call = dbus_message_new_method_call(REGISTRY_BUS_NAME, REGISTRY_OBJECT_PATH, REGISTRY_INTERFACE, "DeleteKey");
+        const char *section = "s", *key = "b";
+        dbus_message_append_args(call, DBUS_TYPE_STRING, &section, DBUS_TYPE_STRING, &key, DBUS_TYPE_INVALID);
+        _exit(bus && dbus_connection_send(bus, call, nullptr) ? (dbus_connection_flush(bus), 0) : 1);
+    }
+    EXPECT_EQ(vxtest::Reap(pid), 0);
+    for (int i = 0; i < 200 && proxy.ReadAllJson() != before; ++i) // its call may still be on the bus
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(proxy.ReadAllJson(), before);
 }
 
 } // namespace
