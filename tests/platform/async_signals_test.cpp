@@ -101,26 +101,19 @@ TEST(SignalDispatcher, ObserversInOrderAndDeliveryOutsideTheHandler)
               std::string::npos);
 }
 
-TEST(EnsureDBusDispatcher, TheStaticOwnerInstalledADispatcherAndAFailedWakeUpAtExitKeepsTheStatus)
-{
-    ASSERT_NE(DBus::default_dispatcher, nullptr);
-    // The last instance wakes the loop at exit; when that write fails the
-    // process still exits with its status, not SIGABRT.
-    auto& dispatcher = dynamic_cast<DBus::BusDispatcher&>(*DBus::default_dispatcher);
-    EXPECT_EXIT(
-        {
-            ::close(dispatcher._fdunlock[1]);
-            std::exit(3);
-        },
-        testing::ExitedWithCode(3), "");
-}
+enum class Loop { OnAThread, HangingOnAThread, NoneAndItsWakeUpFails };
 
 // In a child: an owner that asks for the thread comes and goes; a timeout,
 // added before the thread so that its first wait ends with it, reports the
 // thread that runs it and, told to hang, stays there. At exit the static
-// owner, the last one, stops the loop and joins the thread.
-[[noreturn]] void DispatchOnTheThread(bool hang)
+// owner, the last one, stops the loop and joins the thread; without a thread
+// a failed wake-up there leaves the exit status as it is.
+[[noreturn]] void ExitAfter(Loop loop)
 {
+    auto* dispatcher = dynamic_cast<DBus::BusDispatcher*>(DBus::default_dispatcher);
+    if (loop == Loop::NoneAndItsWakeUpFails)
+        ::close(dispatcher->_fdunlock[1]), std::exit(3);
+    const bool hang = loop == Loop::HangingOnAThread;
     struct Probe {
         void Expired(DBus::DefaultTimeout& timeout)
         {
@@ -142,8 +135,7 @@ TEST(EnsureDBusDispatcher, TheStaticOwnerInstalledADispatcherAndAFailedWakeUpAtE
     {
         FakeContext context; // where the thread reads the debugger flag
         context.WriteFile("/proc/cmdline", "quiet\n");
-        auto* timeout = // the dispatcher deletes it
-            new DBus::DefaultTimeout(1, false, dynamic_cast<DBus::BusDispatcher*>(DBus::default_dispatcher));
+        auto* timeout = new DBus::DefaultTimeout(1, false, dispatcher); // the dispatcher deletes it
         timeout->expired = new DBus::Callback<Probe, void, DBus::DefaultTimeout&>(&probe, &Probe::Expired);
         { const EnsureDBusDispatcher with_thread(true); }
         std::future<std::string> ran = probe.ran.get_future();
@@ -154,21 +146,23 @@ TEST(EnsureDBusDispatcher, TheStaticOwnerInstalledADispatcherAndAFailedWakeUpAtE
     std::exit(3);
 }
 
-TEST(EnsureDBusDispatcher, AskedForItsThreadItStartsOneThatDispatchesAndIsJoinedWithinTenSeconds)
+TEST(EnsureDBusDispatcher, ItsThreadDispatchesAndIsJoinedAtExitWithinTenSecondsAndAFailedWakeUpKeepsTheStatus)
 {
     VXTEST_REQUIRE_ISOLATION();
+    ASSERT_NE(DBus::default_dispatcher, nullptr); // installed before main
     const std::string ran = "^DbusDispatcher with SIGTERM and SIGHUP blocked\n";
     const struct {
-        bool hang;
+        Loop loop;
         std::function<bool(int)> ended;
         std::string err;
         double least_s, most_s;
-    } runs[] = {{false, testing::ExitedWithCode(3), ran + "$", 0, 5},
-                {true, testing::KilledBySignal(SIGABRT),
-                 ran + "~EnsureDBusDispatcher thread failed to exit in a timely manner\\.\n$", 10, 15}};
+    } runs[] = {{Loop::OnAThread, testing::ExitedWithCode(3), ran + "$", 0, 5},
+                {Loop::HangingOnAThread, testing::KilledBySignal(SIGABRT),
+                 ran + "~EnsureDBusDispatcher thread failed to exit in a timely manner\\.\n$", 10, 15},
+                {Loop::NoneAndItsWakeUpFails, testing::ExitedWithCode(3), "^$", 0, 5}};
     for (const auto& run : runs) {
         const auto start = std::chrono::steady_clock::now();
-        EXPECT_EXIT(DispatchOnTheThread(run.hang), run.ended, run.err);
+        EXPECT_EXIT(ExitAfter(run.loop), run.ended, run.err);
         const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
         EXPECT_TRUE(took.count() >= run.least_s && took.count() < run.most_s) << took.count() << " s";
     }

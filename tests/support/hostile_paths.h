@@ -1,8 +1,6 @@
-// What a program may find where it expects to write a file (a FIFO, a
-// symbolic link, a directory), and a small disk that fills up or turns
-// read-only. Tests of a path that a program writes run their cases over
-// HOSTILE_KINDS; a SmallDisk needs root in a private mount namespace, which
-// the test programs' main sets up (see VXTEST_REQUIRE_ISOLATION).
+// What a program may find where it expects to write a file, and a small disk
+// that fills up or turns read-only (root, in the private mount namespace of
+// the test programs' main: VXTEST_REQUIRE_ISOLATION).
 #pragma once
 
 #include <fcntl.h>
@@ -19,7 +17,7 @@
 
 namespace vxtest {
 
-// Each kind is the file type that lstat reports for it.
+// Each kind's value is its file type, as lstat reports it.
 enum class Hostile : int { Fifo = S_IFIFO, Symlink = S_IFLNK, Directory = S_IFDIR };
 inline const std::vector<Hostile> HOSTILE_KINDS = {Hostile::Fifo, Hostile::Symlink, Hostile::Directory};
 
@@ -31,13 +29,6 @@ inline void Plant(Hostile kind, const std::string& path, const std::string& link
                                                   : mkdir(path.c_str(), 0755);
     if (result != 0)
         throw std::runtime_error("cannot plant a file of type " + std::to_string(static_cast<int>(kind)) + " at " + path);
-}
-
-// The file type at path (S_IFREG, or a Hostile's), not following a link; -1 when there is nothing.
-inline int FileType(const std::string& path)
-{
-    struct stat st = {};
-    return lstat(path.c_str(), &st) == 0 ? static_cast<int>(st.st_mode & S_IFMT) : -1;
 }
 
 // A tmpfs of the given size, mounted over a scratch directory of its own.
