@@ -293,7 +293,8 @@ std::string RegistryStore::SetAside()
         const std::string aside = m_name + ".corrupt-" + stamp + (i == 0 ? "" : "-" + std::to_string(i));
         if (::renameat2(m_dir.Get(), m_name.c_str(), m_dir.Get(), aside.c_str(), RENAME_NOREPLACE) == 0) {
             m_aside_pending = false;
-            SyncOrThrow(m_dir.Get(), m_directory);
+            // Unsynced, a power cut may bring the name back: the file is then set aside again.
+            ::fsync(m_dir.Get());
             return aside;
         }
         if (errno != EEXIST || i == 99)
