@@ -134,8 +134,8 @@ TEST_F(RegistryTest, AStandInsErrorsMapByTheirNamesAndRepliesOfTheWrongShapePass
         {"com.tessalabs.Registry.Errors.InvalidJson", "Registry::InvalidJson: Invalid JSON format:Invalid JSON"},
         {"com.tessalabs.Registry.Errors.NotFound", "com.tessalabs.Registry.Errors.NotFound: the service's text"},
         {"com.veltrix.Registry.Errors.Full", "com.veltrix.Registry.Errors.Full: the service's text"}};
-    for (const auto& [name, thrown] : errors)
-        EXPECT_EQ(Failure([&] { registry.Read(name, "the service's text"); }), thrown) << name;
+    for (const auto& error : errors)
+        EXPECT_EQ(Failure([&] { registry.Read(error.first, "the service's text"); }), error.second) << error.first;
     EXPECT_EQ(Failure([&] { registry.SectionList(); }), "org.freedesktop.DBus.Error.InvalidArgs: array expected");
     EXPECT_EQ(Failure([&] { registry.KeyList("s"); }),
               "org.freedesktop.DBus.Error.InvalidArgs: dictionary value expected");
