@@ -28,7 +28,7 @@ inline void Plant(Hostile kind, const std::string& path, const std::string& link
                        : kind == Hostile::Symlink ? symlink(link_target.c_str(), path.c_str())
                                                   : mkdir(path.c_str(), 0755);
     if (result != 0)
-        throw std::runtime_error("cannot plant a file of type " + std::to_string(static_cast<int>(kind)) + " at " + path);
+        throw std::runtime_error("cannot plant a thing at " + path);
 }
 
 // A tmpfs of the given size, mounted over a scratch directory of its own.

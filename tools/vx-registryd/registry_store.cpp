@@ -24,7 +24,9 @@ namespace {
 // The length of the valid UTF-8 character (not NUL) at text[at], or 0.
 std::size_t CharacterLength(std::string_view text, std::size_t at)
 {
-    const auto byte = [&](std::size_t i) { return at + i < text.size() ? static_cast<unsigned char>(text[at + i]) : 0u; };
+    const auto byte = [&](std::size_t i) {
+        return at + i < text.size() ? static_cast<unsigned char>(text[at + i]) : 0u;
+    };
     const unsigned lead = byte(0);
     std::size_t length = 0;
     unsigned low = 0x80, high = 0xBF; // the second byte's range
@@ -192,8 +194,9 @@ corvid::UniqueFd OpenDirectory(const std::string& directory, bool create)
     if (::fstat(dir.Get(), &st) != 0)
         throw corvid::ErrnoException(errno, directory);
     if (st.st_uid != ::geteuid())
-        throw std::runtime_error(fmt::format("{}: the store's directory belongs to uid {}, not to this service's uid {}",
-                                             directory, st.st_uid, ::geteuid()));
+        throw std::runtime_error(fmt::format(
+            "{}: the store's directory belongs to uid {}, not to this service's uid {}", directory, st.st_uid,
+            ::geteuid()));
     if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0)
         throw std::runtime_error(
             fmt::format("{}: the store's directory may be written by group or others (mode {:04o})", directory,
