@@ -18,15 +18,16 @@
 namespace vxtest {
 
 // Each kind's value is its file type, as lstat reports it.
-enum class Hostile : int { Fifo = S_IFIFO, Symlink = S_IFLNK, Directory = S_IFDIR };
-inline const std::vector<Hostile> HOSTILE_KINDS = {Hostile::Fifo, Hostile::Symlink, Hostile::Directory};
+enum class HostileKind : int { Fifo = S_IFIFO, Symlink = S_IFLNK, Directory = S_IFDIR };
+inline const std::vector<HostileKind> HOSTILE_KINDS = {HostileKind::Fifo, HostileKind::Symlink,
+                                                       HostileKind::Directory};
 
 // Puts a thing of that kind at path; a link points at link_target.
-inline void Plant(Hostile kind, const std::string& path, const std::string& link_target)
+inline void Plant(HostileKind kind, const std::string& path, const std::string& link_target)
 {
-    const int result = kind == Hostile::Fifo      ? mkfifo(path.c_str(), 0644)
-                       : kind == Hostile::Symlink ? symlink(link_target.c_str(), path.c_str())
-                                                  : mkdir(path.c_str(), 0755);
+    const int result = kind == HostileKind::Fifo      ? mkfifo(path.c_str(), 0644)
+                       : kind == HostileKind::Symlink ? symlink(link_target.c_str(), path.c_str())
+                                                      : mkdir(path.c_str(), 0755);
     if (result != 0)
         throw std::runtime_error("cannot plant a thing at " + path);
 }

@@ -97,9 +97,9 @@ TEST_F(RegistryService, WhatDoesNotLoadIsSetAsideOnceAndTheRegistryStartsEmpty)
         {with(R"({"s": {"k": 1}})"), json + "the value of 's.k' is not a string"},
         {[](const std::string& path) { std::ofstream(path).close(), truncate(path.c_str(), 300'000'000); },
          "300000000 bytes or more, larger than a registry's file (16777216 bytes)"}};
-    for (const vxtest::Hostile kind : vxtest::HOSTILE_KINDS) {
+    for (const vxtest::HostileKind kind : vxtest::HOSTILE_KINDS) {
         stores.emplace_back([&, kind](const std::string& path) { vxtest::Plant(kind, path, target); },
-                            kind == vxtest::Hostile::Symlink ? "a symbolic link, not a regular file"
+                            kind == vxtest::HostileKind::Symlink ? "a symbolic link, not a regular file"
                                                             : "not a regular file");
     }
     for (const auto& [plant, problem] : stores) {
@@ -141,10 +141,10 @@ TEST_F(RegistryService, AThingAtTheTemporaryFilesNameIsRemovedNeverFollowed)
     const vxtest::TempDir dir, elsewhere;
     const std::string store = dir.Path() + "/registry.json", target = elsewhere.WriteFile("target", "{}", 0600);
     bus.StartService(store);
-    for (const vxtest::Hostile kind : vxtest::HOSTILE_KINDS) {
+    for (const vxtest::HostileKind kind : vxtest::HOSTILE_KINDS) {
         SCOPED_TRACE(static_cast<int>(kind));
         vxtest::Plant(kind, store + ".tmp", target);
-        const bool directory = kind == vxtest::Hostile::Directory; // never removed: the change fails
+        const bool directory = kind == vxtest::HostileKind::Directory; // never removed: the change fails
         EXPECT_EQ(Failure([&] { registry.Write("s", "k", "v"); }),
                   directory ? FAILED + store + ".tmp: Is a directory (errno 21)" : "none");
         EXPECT_EQ(std::filesystem::symlink_status(store + ".tmp").type(),
