@@ -13,7 +13,7 @@ import subprocess
 import time
 from dataclasses import dataclass, field
 
-from . import run_command
+from . import SimError, run_command
 from .initramfs import build_initramfs
 from .scenario import boot_groups
 from .steps import batch_script, prepare_scenario
@@ -227,9 +227,12 @@ DISK_SIZE = 256 * 1024 * 1024
 
 
 def make_disk(path):
+    mkfs = shutil.which("mkfs.ext4", path=os.environ.get("PATH", "") + ":/usr/sbin:/sbin")
+    if not mkfs:
+        raise SimError("a systemd boot needs mkfs.ext4 (e2fsprogs, scripts/install-deps)")
     with open(path, "wb") as f:
         f.truncate(DISK_SIZE)
-    run_command(["mkfs.ext4", "-q", "-F", "-L", "vxsim-root", path])
+    run_command([mkfs, "-q", "-F", "-L", "vxsim-root", path])
 
 
 def prepare_boot(scenarios, moddir, programs, rundir, board, userland, boot=1):
