@@ -49,13 +49,70 @@ vx_begin() {
     mkdir -p "$ROOT$PROCFS" "$ROOT/run/vxsim/scenario"
     vx_mount -t proc proc "$ROOT$PROCFS"
     vx_mount -o bind "$SC" "$ROOT/run/vxsim/scenario"
-    if [ -d "$SC/in/root" ]; then
-        # A scenario's directory takes the place of a file of the same name.
-        (cd "$SC/in/root" && find . -type d) | while read -r d; do
-            [ -d "$ROOT/$d" ] || rm -f "$ROOT/$d"
-        done
-        cp -a "$SC/in/root/." "$ROOT/"
+    vx_copy_files
+}
+
+# vx_copy_files: the scenario's files (in/root) copied into its root; a
+# scenario's directory takes the place of a file of the same name.
+vx_copy_files() {
+    [ -d "$SC/in/root" ] || return 0
+    (cd "$SC/in/root" && find . -type d) | while read -r d; do
+        [ -d "$ROOT/$d" ] || rm -f "$ROOT/$d"
+    done
+    cp -a "$SC/in/root/." "$ROOT/"
+}
+
+# vx_systemd_begin NAME DISK first|again: the root of a player that boots
+# systemd as its first process, which the guest's init switches to once the
+# batch script is done (vx_systemd_boot). Its writable layer is the ext4
+# file system on the virtual disk DISK, kept from one boot of the scenario
+# to the next, so what the player writes survives its reboot; the first
+# boot puts the scenario's files in, over an /etc/systemd/system of the
+# player's own (the host's enabled units are not the player's). The kernel's own
+# procfs, sysfs and devtmpfs (systemd keeps what is mounted), a tmpfs /run
+# and /tmp (the host's /tmp is not the player's to clean at boot), and the
+# scenario directory at /run/vxsim/scenario with the run directory
+# at /run/vxsim/run, where the player's observer leaves the results.
+vx_systemd_begin() {
+    NAME=$1
+    SC=/vx/$1
+    ROOT=/tmp/$1/root
+    LAYER=/tmp/$1/layer
+    mkdir -p "$SC/out" "$ROOT"
+    vx_mount -t ext4 "$2" "$LAYER"
+    mkdir -p "$LAYER/upper" "$LAYER/work"
+    vx_mount -t overlay overlay \
+        -o "lowerdir=${VX_LOWERDIR:-/host},upperdir=$LAYER/upper,workdir=$LAYER/work" "$ROOT"
+    vx_mount -t proc proc "$ROOT/proc"
+    vx_mount -t sysfs sysfs "$ROOT/sys"
+    vx_mount -t devtmpfs devtmpfs "$ROOT/dev"
+    vx_mount -t tmpfs -o mode=0755,nosuid,nodev tmpfs "$ROOT/run"
+    vx_mount -t tmpfs -o mode=1777,nosuid,nodev tmpfs "$ROOT/tmp"
+    vx_mount -o bind "$SC" "$ROOT/run/vxsim/scenario"
+    vx_mount -o bind /vx "$ROOT/run/vxsim/run"
+    [ "$3" = first ] || return 0
+    rm -rf "$ROOT/etc/systemd/system" && mkdir "$ROOT/etc/systemd/system" && vx_copy_files
+}
+
+# vx_board NAME...: the board as the kernel shows it, for a root with the
+# kernel's own procfs: the flash partitions named NAME... in order (module
+# vxboard) and /proc/boardid with the scenario's in/proc/boardid, if any.
+vx_board() {
+    names=$(echo "$*" | tr ' ' ',')
+    if grep -q '^vxboard ' /proc/modules; then
+        rmmod vxboard || { echo "cannot unload vxboard"; return 1; }
     fi
+    with=0
+    [ -f "$SC/in/proc/boardid" ] && with=1
+    insmod /modules/vxboard.ko "boardid=$with" ${names:+"names=$names"} \
+        || { echo "cannot load vxboard names=$names"; return 1; }
+    [ "$with" = 0 ] || cat "$SC/in/proc/boardid" > /proc/boardid
+}
+
+# vx_systemd_boot: the scenario's root is ready; the guest's init switches
+# to it and starts systemd there.
+vx_systemd_boot() {
+    echo "$ROOT" > /vx/switch-root
 }
 
 # vx_layers N: mounts the N layers the runner shares (layer0, ...) read-only

@@ -32,14 +32,16 @@ ROOT_DIR = os.path.dirname(SIM_DIR)
 RUN_AARCH64 = os.path.join(ROOT_DIR, "scripts", "run-aarch64")
 
 # The arm64 user space of the scenario roots: what player.sh runs there
-# (sh, env, timeout, cat, dd; flash_erase, nandwrite, nanddump; dpkg;
-# valgrind with the C library's debugging symbols, which it needs, at the
-# installed library's version), with the libraries of theirs that the host
-# does not have for arm64.
-ARM64_USERLAND = ("dash", "coreutils", "mtd-utils", "dpkg", "tar", "valgrind", "libc6-dbg=libc6")
+# (sh, env, timeout, cat, dd; flash_erase, nandwrite, nanddump; dpkg and
+# systemd-sysusers, which the package's postinst runs; valgrind with the C
+# library's debugging symbols, which it needs, at the installed library's
+# version), with the libraries of theirs that the host does not have for
+# arm64.
+ARM64_USERLAND = ("dash", "coreutils", "mtd-utils", "dpkg", "tar", "valgrind", "libc6-dbg=libc6",
+                  "systemd-standalone-sysusers")
 ARM64_LIBRARIES = ("libacl1", "libattr1", "libgmp10", "libselinux1", "libpcre2-8-0", "libiniparser1",
                    "liblzo2-2", "libssl3", "libuuid1", "libzstd1", "zlib1g", "libmd0", "liblzma5",
-                   "libbz2-1.0")
+                   "libbz2-1.0", "libcap2", "libcrypt1")
 ARM64_BUSYBOX = "busybox-static"
 
 # The AVS record as the check prints it from a block of zeros.
@@ -98,12 +100,17 @@ class Board:
         # check may map it.
         return "maxcpus=1 iomem=relaxed"
 
-    def qemu_command(self, memory, cmdline, kernel, rundir, layers=()):
+    def qemu_command(self, memory, cmdline, kernel, rundir, layers=(), disk=None):
         """The qemu command line of a boot; the layers of the scenario roots
         are shared read-only as layer0, layer1, ... (overlayfs takes no
-        layer inside another, so they cannot come through the host's root)."""
+        layer inside another, so they cannot come through the host's root).
+        A systemd boot has its disk (the root's writable layer, /dev/vda),
+        and its player names its port eth0 (no predictable names) and runs
+        no login prompt on the console."""
+        systemd = "net.ifnames=0 systemd.getty_auto=0" if disk else ""
         append = (f"console={self.console} panic=-1 quiet loglevel=4 mitigations=off "
-                  f"{self.kernel_args()} {cmdline}").strip()
+                  f"{self.kernel_args()} {systemd} {cmdline}").strip()
+        append = " ".join(append.split())
         smp = [] if "-smp" in self.machine_args() else ["-smp", "1"]
         return [self.qemu, "-nodefaults", "-no-user-config", *self.machine_args(),
                 "-accel", "tcg", "-m", memory, *smp, "-display", "none", "-no-reboot",
@@ -115,7 +122,8 @@ class Board:
                 "-virtfs", "local,path=/,mount_tag=hostroot,security_model=none,readonly=on,multidevs=remap",
                 "-virtfs", f"local,path={rundir},mount_tag=vxsim,security_model=none",
                 *[a for i, layer in enumerate(layers) for a in (
-                    "-virtfs", f"local,path={layer},mount_tag=layer{i},security_model=none,readonly=on")]]
+                    "-virtfs", f"local,path={layer},mount_tag=layer{i},security_model=none,readonly=on")],
+                *(["-drive", f"file={disk},if=virtio,format=raw"] if disk else [])]
 
     def adapt(self, scenario):
         """The scenario as this board can play it: on arm64 the AVS block

@@ -24,7 +24,7 @@ import sys
 
 from . import SimError
 from .board import board
-from .guest import batch_timeout, run_boot
+from .guest import batch_timeout, run_boots
 from .kernel import ensure_kernel
 from .scenario import boot_groups, load_batches, load_scenario
 from .steps import VALGRIND, programs_used
@@ -87,9 +87,10 @@ def cmd_run(args, log):
     ok = True
     for i, group in enumerate(boot_groups(scenarios)):
         rundir = os.path.join(build_dir, "sim", "runs", f"{label}.{i}")
-        results = run_boot(group, kernel, programs, rundir, args.timeout, log, player, userland)
+        results = run_boots(group, kernel, programs, rundir, args.timeout, log, player, userland)
         for s in group:
-            ok = report(s, results[s.name], rundir, args.show, log) and ok
+            for boot, result in enumerate(results[s.name], start=1):
+                ok = report(s, result, rundir, args.show, log, boot) and ok
     return 0 if ok else 1
 
 

@@ -25,11 +25,15 @@ import kmod  # noqa: E402  (sim/hw/kmod.py)
 # Modules the guest loads, with everything they depend on: virtio and 9p for
 # the shares, overlayfs for the scenario roots, the NAND simulator, the
 # Ethernet NIC's driver (vmxnet3 takes any address, even the invalid ones
-# the player must refuse) and CUSE for the GPIO event device.
-MODULE_ROOTS = ["virtio_pci", "9pnet_virtio", "9p", "overlay", "nandsim", "vmxnet3", "cuse"]
-# The GPIO chip (sim/hw/gpio_chip), next to them but out of the load order:
-# the guest loads it per scenario.
-GPIO_MODULE = "vxgpio.ko"
+# the player must refuse), CUSE for the GPIO event device, and the virtual
+# disk with ext4 for the root of a systemd boot.
+MODULE_ROOTS = ["virtio_pci", "9pnet_virtio", "9p", "overlay", "nandsim", "vmxnet3", "cuse",
+                "virtio_blk", "crc32c_generic", "ext4"]
+# The simulated hardware's modules (sim/hw), next to them but out of the
+# load order: the guest loads them per scenario. By folder: the GPIO chip,
+# and the board's identity and partition names for a systemd boot, whose
+# /proc is the kernel's.
+HW_MODULES = {"gpio_chip": "vxgpio.ko", "board": "vxboard.ko"}
 
 
 def resolve_kernel_package(metapackage):
@@ -165,20 +169,22 @@ def ensure_kernel(build_dir, log=print, board=BOARDS["amd64"]):
             for other in os.listdir(cache):   # kernels of earlier releases
                 if other != package and other.startswith("linux-image-"):
                     shutil.rmtree(os.path.join(cache, other), ignore_errors=True)
-        _install_gpio_module(build_dir, package, moddir, log)
+        for folder, name in HW_MODULES.items():
+            _install_hw_module(build_dir, package, moddir, folder, name, log)
         return vmlinux, moddir
 
 
-def _install_gpio_module(build_dir, package, moddir, log):
-    """Builds the GPIO chip's module for the kernel (kmod rebuilds it only
-    when its sources change) and copies it next to the kernel's modules."""
+def _install_hw_module(build_dir, package, moddir, folder, name, log):
+    """Builds a module of the simulated hardware for the kernel (kmod
+    rebuilds it only when its sources change) and copies it next to the
+    kernel's modules."""
     try:
-        ko = kmod.build_module(build_dir, package, log=log)
+        ko = kmod.build_module(build_dir, package, folder, log=log)
     except kmod.KmodError as e:
-        raise SimError(f"the GPIO chip's module: {e}") from e
+        raise SimError(f"the module {name}: {e}") from e
     with open(ko, "rb") as f:
         data = f.read()
-    target = os.path.join(moddir, GPIO_MODULE)
+    target = os.path.join(moddir, name)
     if not os.path.exists(target) or open(target, "rb").read() != data:
         with open(target + ".tmp", "wb") as f:
             f.write(data)

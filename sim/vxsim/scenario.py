@@ -66,6 +66,9 @@ class Flash:
 @dataclass
 class Net:
     eth0: str | None = None
+    # Seconds into a systemd boot at which the NIC becomes eth0, as a driver
+    # that probes late would make it; None: it is eth0 before the boot.
+    late: int | None = None
 
 
 @dataclass
@@ -151,6 +154,29 @@ class Faults:
 
 
 @dataclass
+class Systemd:
+    """The player boots Debian's systemd as its first process from the
+    scenario's root, whose writable layer is a virtual disk kept from boot
+    to boot; an observer unit waits for the boot to end, runs the boot's
+    script and records the state of the units [expect.systemd] names."""
+    scripts: list[str] = field(default_factory=lambda: [""])  # one per boot, run as root by sh
+    check_unit: str = "vx-hwcheck.service"  # whose main process gives the status
+
+    @property
+    def boots(self):
+        return len(self.scripts)
+
+
+@dataclass
+class ExpectSystemd:
+    """What a systemd boot must show; None: not judged."""
+    units: dict[str, dict[str, str]] = field(default_factory=dict)  # unit -> property -> value
+    journal: list[str] | None = None  # lines of the boot's journal, in this order, others between
+    scripts: list[list[str]] | None = None  # per boot: what its script printed, exact lines
+    state: str | None = None  # systemctl is-system-running once the boot is over
+
+
+@dataclass
 class ExpectInput:
     """What the event device's log must show; None: not judged."""
     writes: list[str] | None = None  # "TYPE CODE VALUE", in order
@@ -170,6 +196,7 @@ class Expect:
     modes: dict[str, str] = field(default_factory=dict)  # permission bits in octal, "644"
     splash: str | None = None  # what the splash reader got
     input: ExpectInput | None = None
+    systemd: ExpectSystemd | None = None
 
 
 @dataclass
@@ -192,12 +219,14 @@ class Scenario:
     install: Install = field(default_factory=Install)
     run: Run = field(default_factory=Run)
     faults: Faults | None = None  # None: no fault sweep
+    systemd: Systemd | None = None  # None: the program runs by itself, no init system
     # The players the scenario runs on; a file's own, never inherited.
     architectures: tuple[str, ...] = ARCHITECTURES
 
     def boot_key(self):
-        """Scenarios with equal keys can share one boot."""
-        return (self.boot.memory, self.boot.cmdline)
+        """Scenarios with equal keys can share one boot; a systemd boot is
+        its scenario's alone."""
+        return (self.boot.memory, self.boot.cmdline) + ((self.name,) if self.systemd else ())
 
 
 class Table:
@@ -338,9 +367,11 @@ def parse_texts(t, absolute):
 
 
 def parse_net(t):
-    net = Net(eth0=t.take("eth0", str) or None)  # "": no eth0
+    net = Net(eth0=t.take("eth0", str) or None, late=t.take("late", int))  # "": no eth0
     if net.eth0 is not None and not re.fullmatch(r"([0-9a-fA-F]{2}:){5}[0-9a-fA-F]{2}", net.eth0):
         raise t.error("eth0 must be a MAC address like 02:00:00:00:00:01")
+    if net.late is not None and (net.late < 1 or net.eth0 is None):
+        raise t.error("late is a positive number of seconds, for an eth0")
     t.done()
     return net
 
@@ -439,6 +470,30 @@ def parse_faults(t):
     return faults
 
 
+def parse_systemd(t):
+    sd = Systemd(scripts=t.texts("scripts", [""]), check_unit=t.take("check_unit", str, Systemd.check_unit))
+    if not sd.scripts:
+        raise t.error("scripts lists one script a boot (an empty text for none)")
+    t.done()
+    return sd
+
+
+def parse_expect_systemd(t):
+    if not t.data:
+        return None
+    units = t.table("units")
+    exp = ExpectSystemd(units=units.data, journal=t.texts("journal"), scripts=t.take("scripts", list),
+                        state=t.take("state", str))
+    for unit, props in exp.units.items():
+        if not (isinstance(props, dict) and props and all(isinstance(v, str) for v in props.values())):
+            raise units.error(f"'{unit}' must map property names to texts, like ActiveState = \"active\"")
+    if exp.scripts is not None and not all(isinstance(b, list) and all(isinstance(x, str) for x in b)
+                                           for b in exp.scripts):
+        raise t.error("scripts lists each boot's lines, a list of texts per boot")
+    t.done()
+    return exp
+
+
 def parse_expect_input(t):
     if not t.data:
         return None
@@ -475,7 +530,8 @@ def parse_expect(t):
     files = t.table("files")
     expect = Expect(status=t.take("status", int), stdout=t.texts("stdout"),
                     stderr=t.texts("stderr"), kmsg=t.texts("kmsg"), files=files.data,
-                    splash=t.take("splash", str), input=parse_expect_input(t.table("input")))
+                    splash=t.take("splash", str), input=parse_expect_input(t.table("input")),
+                    systemd=parse_expect_systemd(t.table("systemd")))
     if "etc_issue" in t:
         expect.files["/etc/issue"] = t.take("etc_issue", str)
     modes = t.table("modes")
@@ -523,9 +579,14 @@ def parse_scenario(name, data):
         install=parse_install(doc.table("install")),
         run=parse_run(doc.table("run")),
         faults=parse_faults(doc.table("faults")) if "faults" in doc else None,
+        systemd=parse_systemd(doc.table("systemd")) if "systemd" in doc else None,
         expect=parse_expect(doc.table("expect")),
     )
     doc.done()
+    if s.systemd:
+        check_systemd(doc, s)
+    elif s.expect.systemd or s.net.late:
+        raise doc.error("[expect.systemd] and [net] late need a systemd boot: add [systemd]")
     if s.expect.input and not s.input:
         raise doc.error("[expect.input] needs an event device: add [input]")
     if s.expect.input and s.expect.input.exit_after_press_ms is not None and not s.input.press:
@@ -537,6 +598,23 @@ def parse_scenario(name, data):
     if s.faults and s.disk.full:
         raise doc.error("[faults] restores files between runs: leave out [disk] full")
     return s
+
+
+def check_systemd(doc, s):
+    """What a systemd boot cannot play: the program is the unit's, started
+    by systemd with its own standard error; /proc is the kernel's, which
+    shows only the board identity; and what runs beside a program run by
+    hand."""
+    if set(s.proc) - {"boardid"}:
+        raise doc.error("under [systemd] /proc is the kernel's: [proc] takes only boardid")
+    for what, used in (("[faults]", s.faults), ("[splash] reader", s.splash.reader),
+                       ("[disk] full", s.disk.full), ("[run] memcheck", s.run.memcheck)):
+        if used:
+            raise doc.error(f"{what} is for a program run by hand, not under [systemd]")
+    scripts = s.expect.systemd.scripts if s.expect.systemd else None
+    if scripts is not None and len(scripts) != s.systemd.boots:
+        raise doc.error(f"[expect.systemd] scripts gives {len(scripts)} boots' lines; "
+                        f"[systemd] scripts boots {s.systemd.boots} times")
 
 
 # ------------------------------------------------------------------ files

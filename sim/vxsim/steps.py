@@ -11,6 +11,7 @@ that start it before the program and those that stop it after.
 """
 
 import glob
+import hashlib
 import os
 import shlex
 import shutil
@@ -18,7 +19,7 @@ import struct
 import subprocess
 from dataclasses import dataclass
 
-from . import TEST_KEYS_DIR, SimError
+from . import GUEST_DIR, TEST_KEYS_DIR, SimError
 from .board import BOARDS, Board
 from .scenario import ERASE_SIZE, OOB_SIZE, PAGE_SIZE
 
@@ -259,27 +260,103 @@ STEPS = [root_steps, chip_steps, proc_steps, flash_steps, net_steps, gpio_steps,
          run_steps, collect_steps, fault_steps]
 
 
-def prepare_scenario(s, sdir, programs, board=BOARDS["amd64"], image_tool=None):
-    """Writes the scenario's inputs below sdir and returns its steps; images
-    are made with image_tool, by default the build's vxtool."""
+# A systemd boot: the virtual disk that holds its root's writable layer, and
+# the units of the simulation in that root (its observer, a late NIC).
+SYSTEMD_DISK = "/dev/vda"
+OBSERVER_UNIT = """[Unit]
+Description=vxsim: the simulated player's observer
+
+[Service]
+Type=exec
+ExecStart=/bin/sh /run/vxsim/scenario/in/observe.sh
+"""
+LATE_NIC_UNIT = """[Unit]
+Description=vxsim: the NIC becomes eth0 {seconds} s into the boot
+DefaultDependencies=no
+
+[Service]
+Type=exec
+ExecStart=/bin/sh -c 'sleep {seconds} && ip link set nic0 address {mac} && \\
+    ip link set nic0 name eth0 && ip link set eth0 up'
+"""
+SYSTEM = "/etc/systemd/system"
+
+
+def systemd_files(s, setup):
+    """The files of a systemd boot's root, written once: the observer's
+    unit, started with multi-user.target, the late NIC's, started at once,
+    and a machine id of the scenario's own (dbus reads the same one); and
+    no policy-rc.d, which a build machine in a container may have to keep
+    package scripts from starting services, and a player has not."""
+    files = {f"{SYSTEM}/vxsim-observe.service": OBSERVER_UNIT,
+             "/etc/machine-id": hashlib.md5(s.name.encode()).hexdigest() + "\n"}
+    links = [(f"{SYSTEM}/vxsim-observe.service", f"{SYSTEM}/multi-user.target.wants/vxsim-observe.service"),
+             ("/etc/machine-id", "/var/lib/dbus/machine-id")]
+    if s.net.late:
+        files[f"{SYSTEM}/vxsim-late-nic.service"] = LATE_NIC_UNIT.format(seconds=s.net.late, mac=s.net.eth0)
+        links.append((f"{SYSTEM}/vxsim-late-nic.service", f"{SYSTEM}/sysinit.target.wants/vxsim-late-nic.service"))
+    setup.write("root", files)
+    return ["vx_remove /usr/sbin/policy-rc.d"] + [f"vx_symlink {q(target)} {q(path)}" for target, path in links]
+
+
+def observer_inputs(s, setup, boot):
+    """What the observer reads in a boot: observe.sh, its settings and the
+    boot's script."""
+    shutil.copyfile(os.path.join(GUEST_DIR, "observe.sh"), os.path.join(setup.indir, "observe.sh"))
+    units = sorted(s.expect.systemd.units) if s.expect.systemd else []
+    collect = sorted(set(s.expect.files) | set(s.expect.modes))
+    conf = {"BOOT": boot, "BOOTS": s.systemd.boots, "UNITS": " ".join(units),
+            "CHECK_UNIT": s.systemd.check_unit, "COLLECT": " ".join(collect), "INPUT": int(s.input is not None)}
+    with open(os.path.join(setup.indir, "observe.conf"), "w") as f:
+        f.write("".join(f"{k}={q(str(v))}\n" for k, v in conf.items()))
+    with open(os.path.join(setup.indir, f"script.{boot}"), "w") as f:
+        f.write(s.systemd.scripts[boot - 1])
+
+
+def systemd_steps(s, setup, boot):
+    """A player that boots systemd: its root (the files on the first boot
+    only: the disk keeps them), the hardware of every boot (the chip and
+    its images, the board's identity and partition names in the kernel's
+    own tables, the NIC, the GPIO chip, the AVS block, the event device),
+    the packages on the first boot, and then the switch to systemd."""
+    first = boot == 1
+    steps = [f"vx_systemd_begin {q(s.name)} {SYSTEMD_DISK} {'first' if first else 'again'}"]
+    if first:
+        steps += systemd_files(s, setup) + root_steps(s, setup)[1:]
+    observer_inputs(s, setup, boot)
+    setup.write("proc", s.proc)
+    steps += chip_steps(s, setup) + ["vx_board " + " ".join(q(f.name) for f in s.flash)] + flash_steps(s, setup)
+    steps += ["vx_eth0"] if s.net.late else net_steps(s, setup)
+    steps += gpio_steps(s, setup) + avs_steps(s, setup)
+    if first:
+        steps += install_steps(s, setup)
+    return steps + input_companion(s, setup)[0] + ["vx_systemd_boot"]
+
+
+def prepare_scenario(s, sdir, programs, board=BOARDS["amd64"], image_tool=None, boot=1):
+    """Writes the scenario's inputs below sdir and returns its steps (of its
+    boot number boot, for a systemd boot); images are made with image_tool,
+    by default the build's vxtool."""
     setup = Setup(sdir, programs, board, image_tool or programs.get("vxtool"))
     os.makedirs(setup.indir, exist_ok=True)
+    if s.systemd:
+        return systemd_steps(s, setup, boot)
     return [step for emit in STEPS for step in emit(s, setup)]
 
 
-def batch_script(names_steps, layers=0):
+def batch_script(names_steps, layers=0, systemd=False):
     """The guest's script for one boot: the shared layers of the scenario
     roots mounted (layers: how many, see board.py), then each scenario's
     steps in a subshell that stops at the first failing step, then its root
-    torn down whatever happened."""
+    torn down whatever happened; but a systemd boot's one root, which its
+    last step hands to the guest's init."""
     out = ["# Written by vxsim for one boot of the simulated player."]
     if layers:
         out.append(f"vx_layers {layers} || exit 1")
     for name, steps in names_steps:
         n = q(name)
         out.append("( set -e\n  " + "\n  ".join(steps) + f"\n) > /vx/{n}/setup.log 2>&1\n"
-                   f"[ $? -eq 0 ] || echo failed > /vx/{n}/setup-failed\n"
-                   f"vx_end {n}")
+                   f"[ $? -eq 0 ] || echo failed > /vx/{n}/setup-failed" + ("" if systemd else f"\nvx_end {n}"))
     return "\n".join(out) + "\n"
 
 

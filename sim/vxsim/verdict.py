@@ -263,9 +263,47 @@ def judge_memcheck(report, status):
     return diffs
 
 
-def judge(scenario, result):
-    """Compares a scenario's results with its expectations; returns the list
-    of differences (empty when everything held)."""
+def journal_has(expected, journal):
+    """The expected lines that the journal lacks: each must match a whole
+    line of it (shell wildcards: "* s" for a time), after the line that
+    matched the one before."""
+    lines, at = journal.split("\n"), 0
+    for i, pattern in enumerate(expected):
+        at = next((k + 1 for k in range(at, len(lines)) if fnmatch.fnmatchcase(lines[k], pattern)), None)
+        if at is None:
+            return expected[i:]
+    return []
+
+
+def judge_systemd(exp, result, boot):
+    """A systemd boot's record against [expect.systemd]: the units'
+    properties, the journal's lines in order, what the boot's script
+    printed and the system's state once the boot was over."""
+    sd = result.systemd
+    diffs = []
+    for unit, props in exp.units.items():
+        actual = sd.units.get(unit, {})
+        for name, value in props.items():
+            if actual.get(name) != value:
+                diffs.append(f"{unit} {name}: expected {value!r}, got {actual.get(name)!r}")
+    if exp.journal is not None:
+        missing = journal_has(exp.journal, sd.journal)
+        if missing:
+            diffs.append("the journal lacks, in this order:\n  " + "\n  ".join(missing))
+    if exp.scripts is not None:
+        expected = exp.scripts[boot - 1]
+        if not lines_match(expected, sd.script or ""):
+            diffs.append(f"what boot {boot}'s script printed differs:\n  expected: {lines_text(expected)!r}\n"
+                         f"  actual:   {sd.script!r}")
+    if exp.state is not None and sd.state != exp.state:
+        diffs.append(f"system state: expected {exp.state!r}, got {sd.state!r}")
+    return diffs
+
+
+def judge(scenario, result, boot=1):
+    """Compares a scenario's results (of its boot number boot, for a systemd
+    boot) with its expectations; returns the list of differences (empty when
+    everything held)."""
     exp, meminfo = scenario.expect, result.meminfo
     diffs = judge_status(exp.status, result)
 
@@ -304,6 +342,11 @@ def judge(scenario, result):
         diffs.extend(judge_input(exp.input, result.device_log))
     if scenario.faults is not None:
         diffs.extend(judge_faults(scenario, result))
+    if scenario.systemd is not None:
+        if result.systemd is None:
+            diffs.append("the systemd boot's observer left no record")
+        elif exp.systemd is not None:
+            diffs.extend(judge_systemd(exp.systemd, result, boot))
     if scenario.run.memcheck and result.status is not None:
         diffs.extend(judge_memcheck(result.memcheck, result.status))
     if result.steps_failed is not None:
@@ -311,19 +354,21 @@ def judge(scenario, result):
     return diffs
 
 
-def report(s, result, rundir, show, log):
-    """Prints the verdict of one scenario; returns True when it passed."""
+def report(s, result, rundir, show, log, boot=1):
+    """Prints the verdict of one scenario (of its boot number boot);
+    returns True when it passed."""
+    name = s.name + (f" (boot {boot} of {s.systemd.boots})" if s.systemd and s.systemd.boots > 1 else "")
     if result is None:
-        log(f"FAIL {s.name}: the scenario did not run")
+        log(f"FAIL {name}: the scenario did not run")
         try:
             with open(os.path.join(rundir, s.name, "setup.log"), errors="replace") as f:
                 log("  setup: " + f.read().strip().replace("\n", "\n  setup: "))
         except OSError:
             pass
         return False
-    diffs = judge(s, result)
+    diffs = judge(s, result, boot)
     took = f" ({result.seconds:.2f} s)" if result.seconds is not None else ""
-    log(f"{'PASS' if not diffs else 'FAIL'} {s.name}{took}")
+    log(f"{'PASS' if not diffs else 'FAIL'} {name}{took}")
     for d in diffs:
         log("  " + d.replace("\n", "\n  "))
     if show or diffs:
@@ -345,6 +390,15 @@ def report(s, result, rundir, show, log):
             log(f"  --- memcheck: {'; '.join(summary)} ---")
         for path, content in sorted(result.files.items()):
             log(f"  --- {path} (mode {result.modes.get(path, '?')}): {content!r} ---")
+        if result.systemd is not None:
+            sd = result.systemd
+            log(f"  --- systemd: {sd.state or 'no state'}; units: " + "; ".join(
+                f"{u} {p.get('ActiveState')}/{p.get('SubState')}" for u, p in sd.units.items()) + " ---")
+            if sd.script:
+                log("  --- script ---\n" + "".join(f"  | {line}\n" for line in sd.script.rstrip("\n").split("\n")))
+            if diffs:
+                log("  --- journal (end) ---\n" + "".join(
+                    f"  | {line}\n" for line in sd.journal_log.rstrip("\n").split("\n")[-60:]))
         status = result.status if result.status is not None else "unknown"
         log(f"  --- exit status {status} ---")
     if result.faults is not None:

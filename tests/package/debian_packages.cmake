@@ -23,7 +23,9 @@ endif()
 set(runtime_files
     etc/init.d/vx-hwcheck usr/sbin/vx-hwcheck usr/bin/vxtool usr/sbin/vx-registryd
     usr/lib/systemd/system/vx-hwcheck.service usr/lib/systemd/system/veltrix-player.target
-    usr/lib/systemd/system/vx-registryd.service usr/share/dbus-1/system.d/com.tessalabs.Registry.conf
+    usr/lib/systemd/system/vx-registryd.service usr/lib/systemd/system/vx-hwcheck-devices.service
+    usr/lib/vx-hwcheck/wait-devices usr/lib/sysusers.d/vx-registry.conf
+    usr/share/dbus-1/system.d/com.tessalabs.Registry.conf
     usr/share/man/man8/vx-hwcheck.8.gz usr/share/man/man1/vxtool.1.gz
     usr/share/doc/vx-hwcheck/copyright usr/share/doc/vx-hwcheck/changelog.gz)
 set(dev_files
@@ -52,6 +54,22 @@ foreach(file IN LISTS runtime_files dev_files)
     endif()
 endforeach()
 run(${EMULATOR} "${WORK_DIR}/root/usr/bin/vxtool" --help)
+
+# The units' sandboxes as systemd rates them (0 is shut tight, 10 wide
+# open): printed, and at most the goal of each.
+foreach(unit_goal vx-registryd.service:2.0 vx-hwcheck.service:5.0)
+    string(REPLACE ":" ";" unit_goal "${unit_goal}")
+    list(GET unit_goal 0 unit)
+    list(GET unit_goal 1 goal)
+    run(systemd-analyze security --offline=yes --no-pager "root/usr/lib/systemd/system/${unit}")
+    if(NOT output MATCHES "Overall exposure level for ${unit}: ([0-9]+\\.[0-9]) ([A-Z]+)")
+        message(FATAL_ERROR "systemd-analyze security gives no exposure level for ${unit}:\n${output}")
+    endif()
+    message("${unit}: exposure ${CMAKE_MATCH_1} ${CMAKE_MATCH_2} (goal at most ${goal})")
+    if(CMAKE_MATCH_1 GREATER goal)
+        message(FATAL_ERROR "${unit} is rated ${CMAKE_MATCH_1}, above its goal of ${goal}:\n${output}")
+    endif()
+endforeach()
 
 find_program(LINTIAN lintian)
 if(LINTIAN)
