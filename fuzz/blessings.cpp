@@ -15,6 +15,7 @@
 
 #include "fuzz_support.h"
 #include "hardware/blessings.h"
+#include "hardware/capabilities.h"
 #include "hardware/vx_device_data.h"
 #include "platform/binary_fields.h"
 
@@ -55,7 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                                           VXFUZZ_CHECK(!name.empty());
                                           VXFUZZ_CHECK(name.find(':') == std::string::npos);
                                           VXFUZZ_CHECK(tag == blessings::BLESSING_TAG ||
-                                                       name != blessings::DEVICE_BOUND_ONLY_FEATURE);
+                                                       !FindBlessing(name) || !FindBlessing(name)->device_bound_only);
                                       });
     } catch (const std::exception&) {
     }

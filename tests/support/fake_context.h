@@ -9,6 +9,7 @@
 #include <memory>
 #include <stdexcept>
 
+#include "hardware/bootloader_environment.h"
 #include "hardware/context.h"
 #include "platform/posix_helpers.h"
 #include "support/fake_clock.h"
@@ -25,7 +26,8 @@ struct ScratchRoot {
 
 class FakeContext : private vxtest_detail::ScratchRoot, public Context {
 public:
-    FakeContext() : Context(corvid::RootDir(dir.Path())) {}
+    // A new unit: its boot-loader environment is loaded afresh.
+    FakeContext() : Context(corvid::RootDir(dir.Path())) { ForgetBootloaderEnvironment(); }
 
     // Writes a file at a live path ("/proc/meminfo").
     std::string WriteFile(const std::string& live_path, const std::string& content)

@@ -38,7 +38,7 @@ int Run(const Arguments& arguments)
 
     if (!have_serial) {
         const BootloaderEnvironment environment = LoadBootloaderEnvironment(*OpenSource(env_source));
-        serial = environment.Get("VX_SERIAL");
+        serial = environment.Serial();
     }
     const VeltrixDeviceDataStorageNand storage(OpenSource(source));
     std::size_t granted = 0, records = 0;

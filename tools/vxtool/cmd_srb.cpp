@@ -32,7 +32,7 @@ int Run(const Arguments& arguments)
         return 1;
     }
     // The player reads the record only when VX_FORMAT is exactly "1".
-    if (environment.Get("VX_FORMAT") != "1") {
+    if (!environment.HasSrb()) {
         fmt::print("valid signature, but VX_FORMAT is not \"1\": the player treats this unit as having no SRB\n");
         return 1;
     }
