@@ -47,7 +47,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (image.size() + DEVICE_DATA_CHUNK_HEADER_SIZE > ERASE_SIZE)
         return 0;
 
-    auto nand = std::make_shared<vxfuzz::MemoryNand>(2 * ERASE_SIZE, ERASE_SIZE);
+    auto nand = std::make_shared<MemoryNand>(2 * ERASE_SIZE, ERASE_SIZE);
+    nand->reject_out_of_range = true;
     nand->Put(0, image);
     const VeltrixDeviceDataStorageNand storage(nand);
     try {

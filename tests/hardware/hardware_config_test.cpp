@@ -46,13 +46,13 @@ Outcome Configure(Variables variables, const std::string& srb_key, const std::st
     std::vector<std::string> texts;
     for (const auto& [name, value] : variables)
         texts.push_back(name + "=" + value);
-    context.AddPartition("flash0.nvram", 4 * E, E)->Poke(0, vxtest::EnvironmentBlock(texts, E));
+    context.AddPartition("flash0.nvram", 4 * E, E)->Put(0, vxtest::EnvironmentBlock(texts, E));
     context.WriteFile("/proc/boardid", "ID: 0x42\nSecure-keys: 1\nSecure-ID: " + secure_id + "\n");
     std::string image = chunks.empty() ? "" : "VXDD" + vxtest::Le32(0);
     for (const std::string& chunk : chunks)
         image += chunk;
     if (devid)
-        context.AddPartition("flash0.devid", 4 * E, E)->Poke(0, image);
+        context.AddPartition("flash0.devid", 4 * E, E)->Put(0, image);
     testing::internal::CaptureStderr();
     const HardwareConfig config;
     const std::string err = testing::internal::GetCapturedStderr();
@@ -129,7 +129,7 @@ TEST(HardwareConfig, EveryBlessingNameSetsOrClearsExactlyItsBits)
     for (const bool full : {false, true}) {
         FakeContext context; // no /proc/boardid: no Secure ID, no SRB
         context.AddPartition("flash0.nvram", 4 * E, E)
-            ->Poke(0, vxtest::EnvironmentBlock({full ? "VX_FORMAT=1" : "VX_FORMAT=0"}, E));
+            ->Put(0, vxtest::EnvironmentBlock({full ? "VX_FORMAT=1" : "VX_FORMAT=0"}, E));
         testing::internal::CaptureStderr();
         HardwareConfig config;
         testing::internal::GetCapturedStderr();

@@ -5,10 +5,12 @@
 
 #include <cstdint>
 #include <exception>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "factory/partition_layout.h"
 #include "support/programs.h"
 
 namespace vxtest {
@@ -40,6 +42,42 @@ inline std::string EnvironmentBlock(const std::vector<std::string>& texts, std::
     block += '\0';
     block.resize(size, '\xFF');
     return block;
+}
+
+// A partition's bytes in physical order after data was laid over its good
+// blocks from a logical offset on: the logical bytes (erased before the
+// offset and after the data) cut into erase blocks, one for each good block
+// in turn; bad blocks keep bad_fill.
+inline std::string GoodBlockLayout(const std::string& data, std::size_t offset, std::size_t blocks,
+                                   std::size_t erase_size, const std::set<std::size_t>& bad, char bad_fill)
+{
+    std::string logical = std::string(offset, '\xFF') + data;
+    logical.resize(blocks * erase_size, '\xFF');
+    std::string physical;
+    std::size_t next = 0;
+    for (std::size_t block = 0; block < blocks; ++block) {
+        if (bad.count(block)) {
+            physical += std::string(erase_size, bad_fill);
+        } else {
+            physical += logical.substr(next, erase_size);
+            next += erase_size;
+        }
+    }
+    return physical;
+}
+
+// Writes data over the good blocks of nand from its start, leaving the
+// blocks after it as they were.
+inline void LayOver(MemoryNand& nand, const std::string& data)
+{
+    const std::size_t e = nand.GetEraseSize(), blocks = nand.GetTotalSize() / e;
+    const std::string physical = GoodBlockLayout(data, 0, blocks, e, nand.bad_blocks, '\xFF');
+    for (std::size_t block = 0, done = 0; done < data.size() && block < blocks; ++block) {
+        if (!nand.bad_blocks.count(block)) {
+            nand.Put(block * e, physical.substr(block * e, e));
+            done += e;
+        }
+    }
 }
 
 inline std::string FromHex(const std::string& hex)
