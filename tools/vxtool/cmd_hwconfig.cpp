@@ -8,23 +8,20 @@
 #include "hardware/bootloader_environment.h"
 #include "hardware/hardware_config.h"
 #include "hardware/vx_device_data.h"
-#include "identity_options.h"
-#include "tool_context.h"
+#include "source.h"
 
 namespace vxtool {
 namespace {
-
-constexpr const char* USAGE =
-    "[--env-mtd NAME | --env-image FILE --env-erase-size BYTES ...] "
-    "[--devdata-mtd NAME | --devdata-image FILE --devdata-erase-size BYTES ...] [--boardid FILE]";
 
 // Prints every field of the configuration, the bitfield and the names of
 // its set bits; the library's own messages go to standard error.
 int Run(const Arguments& arguments)
 {
     Arguments args = arguments;
-    TakeSavedPlayer(args, {SAVED_BOARD_ID}, {SAVED_ENVIRONMENT, SAVED_DEVICE_DATA});
+    const PartitionOptions partitions(args, {ENVIRONMENT, DEVICE_DATA});
+    TakeSavedFiles(args, {SAVED_BOARD_ID});
     ExpectNoMoreArguments(args);
+    partitions.Use();
 
     const HardwareConfig config;
     const std::uint64_t bits = config.GetHardwareBitfield();
@@ -43,8 +40,9 @@ int Run(const Arguments& arguments)
     return 0;
 }
 
-const CommandRegistrar reg({"hwconfig", USAGE,
-                            "derive the unit's hardware configuration, live or from images", &Run});
+const CommandRegistrar reg({"hwconfig", PartitionUsage(ENVIRONMENT) + " " + PartitionUsage(DEVICE_DATA) +
+                                            " [--boardid FILE]",
+                            "derive the unit's hardware configuration, live or from images", &Run, PARTITION_HELP});
 
 } // namespace
 } // namespace vxtool
