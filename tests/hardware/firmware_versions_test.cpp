@@ -36,7 +36,7 @@ void AddBolt(FakeContext& context, std::uint32_t elsewhere, std::uint32_t start,
     std::string logical(nand->GetTotalSize() - E, '\xFF');
     logical.replace(0xD068, 8, vxtest::Le32(elsewhere) + vxtest::Le32(start));
     logical.replace(start + 0xFFC00, text.size(), text);
-    vxtest::LayOver(*nand, logical);
+    LayOverGoodBlocks(*nand, 0, logical);
 }
 
 TEST(FirstImages, InformationTextAndItsFailures)
@@ -90,7 +90,7 @@ TEST(RescueKernel, VersionNoteAndTheFallback)
         FakeContext context;
         auto nand = context.AddPartition("flash0.rescue", 16 * 4096, 4096);
         nand->bad_blocks = {1};
-        vxtest::LayOver(*nand, image);
+        LayOverGoodBlocks(*nand, 0, image);
         EXPECT_EQ(WithStderr(GetRescueKernelVersion), std::make_pair(version, message)) << image.size();
     }
 }

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "factory/partition_layout.h"
 #include "factory/records.h"
 #include "factory/rsa_signer.h"
 #include "hardware/blessings.h"
@@ -16,7 +17,6 @@
 #include "hardware/srb.h"
 #include "platform/base64.h"
 #include "platform/handles.h"
-#include "factory/partition_layout.h"
 #include "support/oracles.h"
 
 namespace {

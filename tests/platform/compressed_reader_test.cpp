@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "factory/partition_layout.h"
 #include "platform/maybe_compressed_nand_reader.h"
 #include "support/elf_images.h"
 
@@ -26,7 +27,7 @@ std::shared_ptr<MemoryNand> Partition(const std::string& data, std::size_t erase
 {
     auto nand = std::make_shared<MemoryNand>(std::max<std::size_t>(16, (data.size() + 8192) / erase + 2) * erase, erase);
     nand->bad_blocks = {1};
-    vxtest::LayOver(*nand, data);
+    LayOverGoodBlocks(*nand, 0, data);
     return nand;
 }
 

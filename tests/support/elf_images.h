@@ -1,6 +1,5 @@
-// ELF images for the note walk: executables built by the host's gcc and
-// Debian's AArch64 and 32-bit ARM cross compilers and listed by readelf, images written out from the ELF layout, gzip by the
-// gzip program.
+// ELF images for the note walk: executables built by the host's gcc and Debian's AArch64 and
+// 32-bit ARM cross compilers and listed by readelf, images written out from the ELF layout, gzip.
 #pragma once
 
 #include <cstdint>

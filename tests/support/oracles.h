@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "factory/partition_layout.h"
 #include "support/programs.h"
 
 namespace vxtest {
@@ -51,33 +50,11 @@ inline std::string EnvironmentBlock(const std::vector<std::string>& texts, std::
 inline std::string GoodBlockLayout(const std::string& data, std::size_t offset, std::size_t blocks,
                                    std::size_t erase_size, const std::set<std::size_t>& bad, char bad_fill)
 {
-    std::string logical = std::string(offset, '\xFF') + data;
+    std::string logical = std::string(offset, '\xFF') + data, physical;
     logical.resize(blocks * erase_size, '\xFF');
-    std::string physical;
-    std::size_t next = 0;
-    for (std::size_t block = 0; block < blocks; ++block) {
-        if (bad.count(block)) {
-            physical += std::string(erase_size, bad_fill);
-        } else {
-            physical += logical.substr(next, erase_size);
-            next += erase_size;
-        }
-    }
+    for (std::size_t block = 0, good = 0; block < blocks; ++block)
+        physical += bad.count(block) ? std::string(erase_size, bad_fill) : logical.substr(erase_size * good++, erase_size);
     return physical;
-}
-
-// Writes data over the good blocks of nand from its start, leaving the
-// blocks after it as they were.
-inline void LayOver(MemoryNand& nand, const std::string& data)
-{
-    const std::size_t e = nand.GetEraseSize(), blocks = nand.GetTotalSize() / e;
-    const std::string physical = GoodBlockLayout(data, 0, blocks, e, nand.bad_blocks, '\xFF');
-    for (std::size_t block = 0, done = 0; done < data.size() && block < blocks; ++block) {
-        if (!nand.bad_blocks.count(block)) {
-            nand.Put(block * e, physical.substr(block * e, e));
-            done += e;
-        }
-    }
 }
 
 inline std::string FromHex(const std::string& hex)

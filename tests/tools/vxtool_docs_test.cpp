@@ -15,14 +15,11 @@ namespace {
 // the top level (outside brackets), each a line of the documentation.
 std::vector<std::string> UsageLines(const std::string& command)
 {
-    const vxtest::RunResult help = vxtest::Vxtool({command, "--help"});
-    const std::string first = help.out.substr(0, help.out.find('\n'));
-    const std::string prefix = "usage: vxtool " + command + " ";
-    EXPECT_EQ(first.rfind(prefix, 0), 0u) << first;
-    const std::string usage = first.substr(prefix.size());
+    const std::string help = vxtest::Vxtool({command, "--help"}).out, prefix = "usage: vxtool " + command + " ";
+    EXPECT_EQ(help.rfind(prefix, 0), 0u) << help;
+    const std::string usage = help.substr(prefix.size(), help.find('\n') - prefix.size());
     std::vector<std::string> lines;
-    int depth = 0;
-    std::size_t start = 0;
+    std::size_t depth = 0, start = 0;
     for (std::size_t i = 0; i < usage.size(); ++i) {
         depth += usage[i] == '[' || usage[i] == '(';
         depth -= usage[i] == ']' || usage[i] == ')';

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "factory/partition_layout.h"
 #include "support/elf_images.h"
 
 namespace {
@@ -28,9 +29,9 @@ struct SavedPlayer {
         std::string logical(79 * E, '\xFF');
         logical.replace(0xD068, 8, vxtest::Le32(0) + vxtest::Le32(E));
         logical.replace(E + 0xFFC00, 14, std::string("version=7.1.0", 14));
-        vxtest::LayOver(bolt, logical);
+        LayOverGoodBlocks(bolt, 0, logical);
         const auto kernel = vxtest::GccElf(vxtest::NoteAsm("veltrix", "5.0.2", 1), vxtest::ELF_COMPILERS[2]);
-        vxtest::LayOver(rescue, vxtest::Gzip(kernel, "-9"));
+        LayOverGoodBlocks(rescue, 0, vxtest::Gzip(kernel, "-9"));
         // /sys: the SSD line (high, an input) and the interface's directory.
         std::filesystem::create_directories(dir.Path() + "/sys/class/net/eth0");
         std::filesystem::create_directories(dir.Path() + "/sys/class/gpio/gpio64");

@@ -128,15 +128,10 @@ TEST(VxtoolSources, EveryPartitionByItsPrefixAndTheOwnOneAlsoWithout)
     const Args devid_image = {"--image", devid, "--erase-size", "16384"};
     const auto prefixed = [](const std::string& prefix, Args args) {
         for (std::string& arg : args)
-            if (arg.rfind("--", 0) == 0)
-                arg = "--" + prefix + "-" + arg.substr(2);
+            arg = arg.rfind("--", 0) == 0 ? "--" + prefix + "-" + arg.substr(2) : arg;
         return args;
     };
-    const struct {
-        Args command, own;
-        const char* prefix;
-        std::string expected;
-    } cases[] = {
+    const struct { Args command, own; const char* prefix; std::string expected; } cases[] = {
         {{"env"}, env_image, "env", "0:A=1\n"},
         {{"srb", "--secure-id", "x"}, env_image, "env", "1:invalid: SRB signature not found\n"},
         {{"devdata"}, devid_image, "devdata", "0:TAG_\t1\tok\n"},
@@ -153,12 +148,6 @@ TEST(VxtoolSources, EveryPartitionByItsPrefixAndTheOwnOneAlsoWithout)
                     UsageError(c.command[0], std::string("--") + c.prefix + "-image needs --" + c.prefix +
                                                  "-erase-size"));
     }
-    // The environment's options name it in blessings too; the commands that
-    // read several partitions have no unprefixed spelling.
-    EXPECT_EQ(Vxtool({"blessings", "--devdata-image", devid, "--devdata-erase-size", "16384", "--secure-id", "x",
-                      "--env-image", env, "--env-erase-size", "16384", "--env-bad-blocks", "0"}),
-              "0:");
-    EXPECT_THAT(Vxtool(Args{"hwconfig"} + env_image), UsageError("hwconfig", "unexpected argument '--erase-size'"));
 }
 
 const std::string ID = "a1b2c3d4e5f60718";
