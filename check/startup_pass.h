@@ -69,7 +69,7 @@ using BannerWriter = std::function<void(const std::string& banner)>;
 // Steps 2 to 13 (the hardware configuration, step 1, is the caller's):
 // every check and the boot report, ending with the banner given to
 // write_banner. Step 3 reaches the configuration through GetInstance() (the
-// pointer check applies) and the pass hands it to the steps; step 10, the hardware flags, is
-// the environment's VX_HWFLAGS (BootloaderEnvironment::HardwareFlags). A
-// failed step throws to the caller's outermost handlers.
+// pointer check applies) and the pass hands it to the steps; step 10, the
+// hardware flags, is the environment's BootloaderEnvironment::HardwareFlags.
+// A failed step throws to the caller's outermost handlers.
 void RunStartupPass(const BannerWriter& write_banner);

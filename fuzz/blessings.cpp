@@ -56,8 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                                       [&](const std::string& name, const std::string&) {
                                           VXFUZZ_CHECK(!name.empty());
                                           VXFUZZ_CHECK(name.find(':') == std::string::npos);
-                                          VXFUZZ_CHECK(tag == blessings::BLESSING_TAG ||
-                                                       !FindBlessing(name) || !FindBlessing(name)->device_bound_only);
+                                          VXFUZZ_CHECK(tag == blessings::BLESSING_TAG || !IsDeviceBoundOnly(name));
                                       });
     } catch (const std::exception&) {
     }

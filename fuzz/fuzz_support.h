@@ -1,8 +1,9 @@
 // What the fuzz targets share: the context of a target (a scratch root and
 // partitions by name; the partitions are the factory's MemoryNand, laid out
-// with LayOverGoodBlocks), and the isolation of the kernel log. Every target is built into a libFuzzer program (VX_FUZZ)
-// or, in the other builds, into a program that replays the files given on
-// its command line (replay_main.cpp).
+// with LayOverGoodBlocks), and the isolation of the kernel log. Every target
+// is built into a libFuzzer program (VX_FUZZ) or, in the other builds, into
+// a program that replays the files given on its command line
+// (replay_main.cpp).
 #pragma once
 
 #include <cstddef>

@@ -1,6 +1,6 @@
 // Partitions as the factory lays them out: data over the good blocks, in a
-// partition held in memory, and the raw image that "vxtool --image" reads and
-// the factory writes to the chip. The tests, the fuzz targets and the
+// partition held in memory, and the raw image that vxtool reads (--P-image)
+// and the factory writes to the chip. The tests, the fuzz targets and the
 // benchmarks read through the same in-memory partition as through a device.
 #pragma once
 
@@ -69,7 +69,7 @@ private:
 std::size_t LayOverGoodBlocks(NandAccess& nand, std::uint64_t logical_offset, std::string_view data);
 
 // A raw image of a partition of total_size bytes, every block in physical
-// order (what "vxtool --image" reads and the factory writes): data laid over
+// order (what vxtool reads and the factory writes): data laid over
 // the good blocks from the first on, the bad blocks zero-filled, erased
 // flash elsewhere. Throws std::runtime_error when data does not fit the good
 // blocks.

@@ -85,11 +85,8 @@ void EnumerateBlessings(const VeltrixDeviceDataStorageNand& storage, const std::
             const auto verified = VerifyBlessing(secure_id, serial, tag, key_1, key_2, payload);
             const std::string& parameter = verified.second;
             ForEachName(verified.first, [&](const std::string& name) {
-                if (tag != BLESSING_TAG) {
-                    const Capability* capability = FindBlessing(name);
-                    if (capability && capability->device_bound_only)
-                        return;
-                }
+                if (tag != BLESSING_TAG && IsDeviceBoundOnly(name))
+                    return;
                 handler(name, parameter);
             });
         } catch (const std::exception& e) {

@@ -15,6 +15,12 @@ const Capability* FindBlessing(std::string_view name)
     return nullptr;
 }
 
+bool IsDeviceBoundOnly(std::string_view name)
+{
+    const Capability* capability = FindBlessing(name);
+    return capability && capability->device_bound_only;
+}
+
 const char* MentionedDeviceBoundOnlyBlessing(std::string_view text)
 {
     std::string lower(text);

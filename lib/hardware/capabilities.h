@@ -5,6 +5,7 @@
 // row here (and one in the test's own table).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 
@@ -72,6 +73,9 @@ inline constexpr std::uint64_t HW_BLESSINGS_READ = CapabilityMask("blessings-app
 // The row whose blessing is name, compared whole and ignoring ASCII case (an
 // embedded NUL is a byte like any other); nullptr when there is none.
 const Capability* FindBlessing(std::string_view name);
+
+// Whether name is the blessing of a device-bound-only row (FindBlessing).
+bool IsDeviceBoundOnly(std::string_view name);
 
 // The blessing name of the first device-bound-only row that text contains
 // anywhere, ignoring ASCII case; nullptr when it names none.

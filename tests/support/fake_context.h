@@ -9,12 +9,12 @@
 #include <memory>
 #include <stdexcept>
 
+#include "factory/partition_layout.h"
 #include "hardware/bootloader_environment.h"
 #include "hardware/context.h"
 #include "platform/posix_helpers.h"
 #include "support/fake_clock.h"
 #include "support/fake_event_device.h"
-#include "factory/partition_layout.h"
 #include "support/programs.h"
 
 namespace vxtest_detail {

@@ -13,7 +13,7 @@ using Arguments = std::vector<std::string>;
 
 struct Command {
     const char* name;    // "env"
-    std::string usage;   // "[--env-mtd NAME | --env-image FILE --env-erase-size BYTES ...]"
+    std::string usage;   // "[--env-mtd NAME | --env-image FILE ...]"
     const char* summary; // one line for the command list
     // Runs with the arguments after the subcommand name; returns the exit status.
     int (*run)(const Arguments& args);
