@@ -16,6 +16,7 @@
 #include "hardware/mmio.h"
 #include "hardware/vx_device_data.h"
 #include "platform/posix_helpers.h"
+#include "platform/replace_file.h"
 #include "platform/trace.h"
 
 namespace {
@@ -109,7 +110,7 @@ std::string FormatBanner(const HardwareConfig& config)
 
 void WriteIssueFile(const std::string& banner)
 {
-    corvid::WriteWholeFile(Context::GetInstance()->Path(ISSUE_FILE_PATH), banner, 0644);
+    corvid::ReplaceFile(Context::GetInstance()->Path(ISSUE_FILE_PATH), banner, 0644);
 }
 
 void RunStartupPass(const BannerWriter& write_banner)

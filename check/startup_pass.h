@@ -61,7 +61,9 @@ void PrintAvsReport(std::map<std::string, std::string> avs);
 // Step 13's text: "Veltrix <model> <serial> v<os version>\r\n\n", read afresh.
 std::string FormatBanner(const HardwareConfig& config);
 
-// Writes the banner as the whole of /etc/issue, mode 0644.
+// Replaces /etc/issue with the banner, mode 0644 (corvid::ReplaceFile): a
+// reader sees the old banner or the new one; a FIFO or a link there is
+// replaced, never opened or followed.
 void WriteIssueFile(const std::string& banner);
 
 using BannerWriter = std::function<void(const std::string& banner)>;

@@ -5,7 +5,7 @@
 # vx_registry_glue() the proxy and adaptor code of dbus-c++'s generator.
 find_program(DBUSXX_XML2CPP dbusxx-xml2cpp REQUIRED)
 
-set(VX_REGISTRY_XML "${PROJECT_SOURCE_DIR}/data/dbus/com.veltrix.Registry.xml")
+set(VX_REGISTRY_XML "${PROJECT_SOURCE_DIR}/data/dbus/com.tessalabs.Registry.xml")
 set(VX_GENERATED_DIR "${PROJECT_BINARY_DIR}/generated")
 file(READ "${VX_REGISTRY_XML}" xml)
 string(REGEX MATCH "<node name=\"([^\"]+)\"" _ "${xml}")

@@ -94,9 +94,15 @@ LedErrorBreaker::~LedErrorBreaker()
 
 void LedErrorBreaker::Attach()
 {
+    corvid::SignalDispatcher& dispatcher = *corvid::SignalDispatcher::GetInstance();
     m_attached = true;
-    corvid::SignalDispatcher::GetInstance()->Attach(SIGINT, this);
-    corvid::SignalDispatcher::GetInstance()->Attach(SIGTERM, this);
+    dispatcher.Attach(SIGINT, this);
+    dispatcher.Attach(SIGTERM, this);
+    // A pattern starts clean: what was taken before it (a signal that came
+    // as the button ended the last one) goes to the observers as it is due,
+    // and does not count for this pattern.
+    dispatcher.DeliverPending();
+    m_break_requested.store(0);
 }
 
 void LedErrorBreaker::OnSignal(int)

@@ -35,6 +35,8 @@ public:
     // Detaches from SIGINT, then SIGTERM, when attached.
     ~LedErrorBreaker() override;
 
+    // Attaches for SIGINT, then SIGTERM; the signals taken before (pending
+    // in the dispatcher) are delivered and do not set the flag.
     void Attach();
     void OnSignal(int signal) override;
     bool BreakRequested() const { return m_break_requested.load() != 0; }

@@ -12,7 +12,8 @@ public:
     virtual ~Clock() = default;
     // CLOCK_MONOTONIC.
     virtual timespec Monotonic() = 0;
-    // Suspends the calling thread (usleep).
+    // Suspends the calling thread for the whole time: a signal handler that
+    // runs meanwhile does not shorten it.
     virtual void SleepMicroseconds(unsigned int microseconds) = 0;
 };
 

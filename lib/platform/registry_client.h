@@ -13,7 +13,7 @@
 #include "platform/singleton.h"
 
 // The service's object on the bus.
-class RegistryProxy : public com::veltrix::Registry_proxy,
+class RegistryProxy : public com::tessalabs::Registry_proxy,
                       public DBus::IntrospectableProxy,
                       public DBus::ObjectProxy {
 public:

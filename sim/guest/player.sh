@@ -4,9 +4,9 @@
 # A scenario gets its own root: an overlay whose lower layers are the host's
 # root file system (the programs and their libraries, read-only over 9p)
 # below the runner's shared layers, if any (vx_layers: the arm64 player's
-# user space), and whose upper layer is a fresh tmpfs, so /etc/issue and
-# everything else the program writes stays in the guest and dies with the
-# scenario. Inside it:
+# user space), and whose upper layer is on a fresh tmpfs of its own, so
+# /etc/issue and everything else the program writes stays in the guest and
+# dies with the scenario. Inside it:
 # fresh sysfs and devtmpfs, tmpfs /run, the kernel's procfs under
 # /run/vxsim/procfs, and a tmpfs /proc that holds the scenario's own files
 # (boardid, the renamed mtd table, any override) and symlinks into the real
@@ -35,9 +35,12 @@ vx_begin() {
     NAME=$1
     SC=/vx/$1
     ROOT=/tmp/$1/root
-    mkdir -p "$SC/out" "/tmp/$1/upper" "/tmp/$1/work" "$ROOT"
+    LAYER=/tmp/$1/layer
+    mkdir -p "$SC/out" "$ROOT"
+    vx_mount -t tmpfs -o mode=0755 tmpfs "$LAYER"
+    mkdir "$LAYER/upper" "$LAYER/work"
     vx_mount -t overlay overlay \
-        -o "lowerdir=${VX_LOWERDIR:-/host},upperdir=/tmp/$1/upper,workdir=/tmp/$1/work" "$ROOT"
+        -o "lowerdir=${VX_LOWERDIR:-/host},upperdir=$LAYER/upper,workdir=$LAYER/work" "$ROOT"
     vx_mount -t sysfs sysfs "$ROOT/sys"
     vx_mount -t devtmpfs devtmpfs "$ROOT/dev"
     # /tmp stays the overlay's: the host's /tmp shows through (a build tree
@@ -75,6 +78,30 @@ vx_remove() {
     for p; do
         rm -f "$ROOT$p" || return 1
     done
+}
+
+# vx_fifo PATH: a FIFO at PATH in the scenario's root.
+vx_fifo() {
+    mkdir -p "$ROOT${1%/*}" && rm -f "$ROOT$1" && mkfifo "$ROOT$1"
+}
+
+# vx_symlink TARGET PATH: a symbolic link to TARGET at PATH in the
+# scenario's root.
+vx_symlink() {
+    mkdir -p "$ROOT${2%/*}" && rm -f "$ROOT$2" && ln -s "$1" "$ROOT$2"
+}
+
+# vx_disk_full: the root's writable layer (its own tmpfs) left without a free
+# page: shrunk to what it holds plus one page, which a file outside the
+# overlay then takes. The program can still make a file, not write one.
+vx_disk_full() {
+    # shellcheck disable=SC2046
+    set -- $(stat -f -c '%b %f %S' "$LAYER")
+    mount -o remount,size=$((($1 - $2 + 1) * $3)) "$LAYER" || { echo "cannot shrink $LAYER"; return 1; }
+    dd if=/dev/zero of="$LAYER/fill" bs="$3" count=1 2>/dev/null
+    # shellcheck disable=SC2046
+    set -- $(stat -f -c '%f' "$LAYER")
+    [ "$1" -eq 0 ] || { echo "$LAYER still has $1 free pages"; return 1; }
 }
 
 vx_mount() {
@@ -217,15 +244,20 @@ vx_stop_server() {
     rm -f "$1$EVDEV_PID"
 }
 
-# vx_splash_start: makes the splash pipe, a FIFO, and starts its reader,
-# which copies everything written to it to /tmp/NAME/splash, outside the
-# root. This shell keeps a write end open (fd 7) until vx_splash_stop, so
+# vx_splash_start [BYTES]: makes the splash pipe, a FIFO, and starts its
+# reader, which copies everything written to it to /tmp/NAME/splash, outside
+# the root (with BYTES: only so many, then it exits, and a write finds no
+# reader). This shell keeps a write end open (fd 7) until vx_splash_stop, so
 # the reader sees no end of file when the program closes the pipe: it takes
 # any number of opens, in order. Opening that end waits for the reader's
 # open, so the reader is in place before the program starts.
 vx_splash_start() {
     mkfifo "$ROOT$SPLASH_PIPE" || return 1
-    cat "$ROOT$SPLASH_PIPE" > "/tmp/$NAME/splash" &
+    if [ -n "${1:-}" ]; then
+        head -c "$1" "$ROOT$SPLASH_PIPE" > "/tmp/$NAME/splash" &
+    else
+        cat "$ROOT$SPLASH_PIPE" > "/tmp/$NAME/splash" &
+    fi
     SPLASH_READER=$!
     exec 7> "$ROOT$SPLASH_PIPE"
 }
@@ -269,7 +301,7 @@ vx_kmsg() {
     return 0
 }
 
-# vx_run SECONDS [--kmsg] [VAR=VALUE...] -- PROGRAM [ARG...]: runs the program (an
+# vx_run SECONDS [--kmsg|--broken-pipe] [VAR=VALUE...] -- PROGRAM [ARG...]: runs the program (an
 # absolute path) in the scenario's root with a clean environment plus the
 # given variables and no standard input, kills it after SECONDS, and records
 # its output and status, its process id, the kernel log around it and the
@@ -277,13 +309,24 @@ vx_kmsg() {
 vx_run() {
     RUN_TIMEOUT=$1
     shift
-    # --kmsg: standard error is the kernel log, as the boot scripts make it.
-    RUN_STDERR="$SC/out/stderr"
-    if [ "${1:-}" = "--kmsg" ]; then
-        RUN_STDERR=/dev/kmsg
-        shift
-        : > "$SC/out/stderr"
-    fi
+    # Standard error, held as fd 5: out/stderr; with --kmsg the kernel log,
+    # as the boot scripts make it; with --broken-pipe a pipe whose reader has
+    # gone (a FIFO opened for reading and writing lets its write end open at
+    # once, and is closed again).
+    case "${1:-}" in
+        --kmsg)
+            exec 5> /dev/kmsg
+            shift
+            : > "$SC/out/stderr" ;;
+        --broken-pipe)
+            rm -f "/tmp/$NAME/stderr-pipe"
+            mkfifo "/tmp/$NAME/stderr-pipe" || return 1
+            exec 6<> "/tmp/$NAME/stderr-pipe" 5> "/tmp/$NAME/stderr-pipe" 6<&-
+            shift
+            : > "$SC/out/stderr" ;;
+        *)
+            exec 5> "$SC/out/stderr" ;;
+    esac
     # The tmpfs /proc holds no process directories; the program gets its own
     # before it starts: "--" becomes a shell that makes it and execs.
     for a; do
@@ -305,7 +348,8 @@ vx_run() {
     # in the program's standard error.
     (exec chroot "$ROOT" /usr/bin/timeout -s KILL "$RUN_TIMEOUT" \
         /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root "$@" \
-        < /dev/null > "$SC/out/stdout" 2> "$RUN_STDERR" 7>&-) || status=$?
+        < /dev/null > "$SC/out/stdout" 2>&5 5>&- 7>&-) || status=$?
+    exec 5>&-
     echo $status > "$SC/out/status"
     read -r t1 rest < /proc/uptime
     echo "$t0 $t1" > "$SC/out/run-uptime"
@@ -393,12 +437,13 @@ vx_collect() {
 vx_end() {
     root=/tmp/$1/root
     vx_stop_server "$root" >&2 || true
-    awk -v root="$root" '$2 == root || index($2, root "/") == 1 { print $2 }' /proc/mounts \
+    # The root and what is mounted below it, then its layer.
+    awk -v base="/tmp/$1" 'index($2, base "/") == 1 { print $2 }' /proc/mounts \
         | sort -r | while read -r m; do
             umount "$m" 2>/dev/null || umount -l "$m"
         done
-    if awk -v root="$root" '$2 == root || index($2, root "/") == 1 { found = 1 } END { exit !found }' /proc/mounts; then
-        echo "vx_end: $root is still mounted" >&2
+    if awk -v base="/tmp/$1" 'index($2, base "/") == 1 { found = 1 } END { exit !found }' /proc/mounts; then
+        echo "vx_end: /tmp/$1 is still mounted" >&2
         return 1
     fi
     rm -rf "/tmp/$1"

@@ -43,6 +43,12 @@ class ScenarioTest(unittest.TestCase):
                 "input": {}, "expect": {"status": 0, "input": {"exit_after_press_ms": 10}}},
             "t: [expect] splash needs [splash] reader = true": {"expect": {"status": 0, "splash": ""}},
             "[splash]: 'reader' must be true or false": {"splash": {"reader": 1}},
+            "[splash]: reader_exits_after_bytes is a positive number of bytes, for a reader": {
+                "splash": {"reader_exits_after_bytes": 9}},
+            "[files]: '/x' must be a text (or false, a fifo or a symlink)": {"files": {"/x": {"fifo": False}}},
+            "[proc]: 'x' must be a text (or false) and": {"proc": {"x": {"fifo": True}}},
+            "[disk]: 'full' must be true or false": {"disk": {"full": 1}},
+            "[run]: stderr must be \"file\", \"kmsg\" or \"broken-pipe\"": {"run": {"stderr": "pipe"}},
             "[files]: paths must be absolute": {"files": {"etc/issue": "x"}},
             "[net]: eth0 must be a MAC address": {"net": {"eth0": "02:00:00:00:00"}},
             "[run]: env must map variable names": {"run": {"env": {"1A": "x"}}},

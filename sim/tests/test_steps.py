@@ -60,6 +60,18 @@ class StepsTest(unittest.TestCase):
             "vx_input_stop"])
         self.assertEqual(programs_used([s]), ["vxevdev"])
 
+    def test_special_files_a_reader_that_leaves_a_full_disk_and_a_broken_stderr(self):
+        s = scenario(flash=[], net={}, files={"/etc/issue": {"fifo": True}, "/etc/motd": {"symlink": "/etc/x y"},
+                                              "/etc/x y": "v\n"},
+                     splash={"reader": True, "reader_exits_after_bytes": 9}, disk={"full": True},
+                     run={"program": "/bin/true", "stderr": "broken-pipe"})
+        with tempfile.TemporaryDirectory() as d:
+            steps = prepare_scenario(s, d, {})
+            self.assertEqual(os.listdir(os.path.join(d, "in", "root", "etc")), ["x y"])
+        self.assertEqual(steps[:3], ["vx_begin t", "vx_fifo /etc/issue", "vx_symlink '/etc/x y' /etc/motd"])
+        self.assertEqual(steps[-4:], ["vx_splash_start 9", "vx_disk_full", "vx_run 120 --broken-pipe -- /bin/true",
+                                      "vx_splash_stop"])
+
     def test_a_failing_factory_script_stops_the_scenario(self):
         s = scenario(flash=[{"name": "a", "blocks": 2, "script": 'echo "$BLOCKS blocks" >&2; false'}])
         with tempfile.TemporaryDirectory() as d, self.assertRaisesRegex(SimError, "failed \\(1\\): 2 blocks$"):

@@ -99,6 +99,15 @@ class Input:
 @dataclass
 class Splash:
     reader: bool = False  # a FIFO /boot-splash-pipe with a reader
+    # The reader exits once it has read this many bytes (a display that goes
+    # away); None: it reads until the program is done.
+    reader_exits_after_bytes: int | None = None
+
+
+@dataclass
+class Disk:
+    """The scenario root's writable layer, a tmpfs of its own."""
+    full: bool = False  # no page left when the program starts: a file can be made, not written
 
 
 @dataclass
@@ -114,8 +123,9 @@ class Run:
     args: list[str] = field(default_factory=list)
     env: dict[str, str] = field(default_factory=dict)
     timeout: int = 120
-    # Where the program's standard error goes: "file" (compared as stderr)
-    # or "kmsg", the kernel log, as the player's boot scripts connect it.
+    # Where the program's standard error goes: "file" (compared as stderr),
+    # "kmsg", the kernel log, as the player's boot scripts connect it, or
+    # "broken-pipe", a pipe whose reader has gone before the program starts.
     stderr: str = "file"
     # Under valgrind's memcheck, whose report is judged too (verdict.py).
     memcheck: bool = False
@@ -173,12 +183,14 @@ class Scenario:
     boot: Boot = field(default_factory=Boot)
     flash: list[Flash] = field(default_factory=list)
     proc: dict[str, str] = field(default_factory=dict)
-    files: dict[str, str | bool] = field(default_factory=dict)  # False: removed from the root
+    # A text, False (removed from the root), {"fifo": True} or {"symlink": TARGET}.
+    files: dict[str, str | bool | dict] = field(default_factory=dict)
     net: Net = field(default_factory=Net)
     gpio: Gpio = field(default_factory=Gpio)
     avs: Avs = field(default_factory=Avs)
     input: Input | None = None  # None: no event device
     splash: Splash = field(default_factory=Splash)
+    disk: Disk = field(default_factory=Disk)
     install: Install = field(default_factory=Install)
     run: Run = field(default_factory=Run)
     faults: Faults | None = None  # None: no fault sweep
@@ -313,10 +325,15 @@ def parse_flash_list(doc):
 def parse_texts(t, absolute):
     """[proc] and [files]: paths mapped to their contents; false leaves out
     a file that the base scenario gives ([files]: or that the host's root
-    has, kept as False)."""
+    has, kept as False). [files] also takes a FIFO, { fifo = true }, and a
+    symbolic link, { symlink = "TARGET" }."""
     for path, content in t.data.items():
-        if not (isinstance(content, str) or content is False) or ".." in path.split("/"):
-            raise t.error(f"'{path}' must be a text (or false) and a plain path")
+        special = absolute and isinstance(content, dict) and (
+            content == {"fifo": True} or (list(content) == ["symlink"] and isinstance(content["symlink"], str)
+                                          and content["symlink"]))
+        if not (isinstance(content, str) or content is False or special) or ".." in path.split("/"):
+            raise t.error(f"'{path}' must be a text (or false{', a fifo or a symlink' if absolute else ''}) "
+                          "and a plain path")
         if absolute and not path.startswith("/"):
             raise t.error("paths must be absolute")
     return {path: content for path, content in t.data.items() if content is not False or absolute}
@@ -374,9 +391,18 @@ def parse_input(t):
 
 
 def parse_splash(t):
-    splash = Splash(reader=t.take("reader", bool, False))
+    splash = Splash(reader=t.take("reader", bool, False),
+                    reader_exits_after_bytes=t.take("reader_exits_after_bytes", int))
+    if splash.reader_exits_after_bytes is not None and (not splash.reader or splash.reader_exits_after_bytes < 1):
+        raise t.error("reader_exits_after_bytes is a positive number of bytes, for a reader")
     t.done()
     return splash
+
+
+def parse_disk(t):
+    disk = Disk(full=t.take("full", bool, False))
+    t.done()
+    return disk
 
 
 def parse_install(t):
@@ -391,8 +417,8 @@ def parse_run(t):
     run = Run(program=t.take("program", str, Run.program), args=t.texts("args", []),
               env=t.take("env", dict, {}), timeout=t.take("timeout", int, Run.timeout),
               stderr=t.take("stderr", str, Run.stderr), memcheck=t.take("memcheck", bool, False))
-    if run.stderr not in ("file", "kmsg"):
-        raise t.error('stderr must be "file" or "kmsg"')
+    if run.stderr not in ("file", "kmsg", "broken-pipe"):
+        raise t.error('stderr must be "file", "kmsg" or "broken-pipe"')
     if not all(re.fullmatch(r"[A-Za-z_][A-Za-z0-9_]*", k) and isinstance(v, str)
                for k, v in run.env.items()):
         raise t.error("env must map variable names to texts")
@@ -495,6 +521,7 @@ def parse_scenario(name, data):
         avs=parse_avs(doc.table("avs")),
         input=parse_input(doc.table("input")) if "input" in doc else None,
         splash=parse_splash(doc.table("splash")),
+        disk=parse_disk(doc.table("disk")),
         install=parse_install(doc.table("install")),
         run=parse_run(doc.table("run")),
         faults=parse_faults(doc.table("faults")) if "faults" in doc else None,
@@ -509,6 +536,8 @@ def parse_scenario(name, data):
         raise doc.error("[expect] splash needs [splash] reader = true")
     if s.faults and s.splash.reader:
         raise doc.error("[faults] runs without a splash reader: leave out [splash] reader")
+    if s.faults and s.disk.full:
+        raise doc.error("[faults] restores files between runs: leave out [disk] full")
     return s
 
 

@@ -82,10 +82,13 @@ def make_image(scenario, flash, output, setup):
 
 def root_steps(s, setup):
     """The scenario's own root, holding its [files], without those it
-    gives as false."""
-    setup.write("root", {p: c for p, c in s.files.items() if c is not False})
+    gives as false, with its FIFOs and symbolic links."""
+    setup.write("root", {p: c for p, c in s.files.items() if isinstance(c, str)})
     removed = [p for p, c in s.files.items() if c is False]
-    return [f"vx_begin {q(s.name)}"] + (["vx_remove " + " ".join(q(p) for p in removed)] if removed else [])
+    special = [f"vx_fifo {q(p)}" if "fifo" in c else f"vx_symlink {q(c['symlink'])} {q(p)}"
+               for p, c in s.files.items() if isinstance(c, dict)]
+    return ([f"vx_begin {q(s.name)}"] + (["vx_remove " + " ".join(q(p) for p in removed)] if removed else [])
+            + special)
 
 
 def chip_faults(flash):
@@ -182,7 +185,8 @@ def splash_companion(s, setup):
     """The boot splash pipe and its reader."""
     if not s.splash.reader:
         return [], []
-    return ["vx_splash_start"], ["vx_splash_stop"]
+    leaves = s.splash.reader_exits_after_bytes
+    return ["vx_splash_start" + (f" {leaves}" if leaves else "")], ["vx_splash_stop"]
 
 
 COMPANIONS = [input_companion, splash_companion]
@@ -205,7 +209,7 @@ def run_program(s, setup):
 
 def run_steps(s, setup):
     """The program, between the steps that start its companions and those
-    that stop them (in reverse order)."""
+    that stop them (in reverse order); the disk made full just before it."""
     run = s.run
     program = run_program(s, setup)
     env = [f"{k}={v}" for k, v in sorted(run.env.items())]
@@ -217,8 +221,10 @@ def run_steps(s, setup):
     command = [program] + run.args
     if run.memcheck:
         command = [VALGRIND] + MEMCHECK_OPTIONS + [f"--log-file={MEMCHECK_LOG}"] + command
-    words = [str(run.timeout)] + (["--kmsg"] if run.stderr == "kmsg" else []) + env + ["--"] + command
-    return starts + ["vx_run " + " ".join(q(a) for a in words)] + stops
+    stderr = {"file": [], "kmsg": ["--kmsg"], "broken-pipe": ["--broken-pipe"]}[run.stderr]
+    words = [str(run.timeout)] + stderr + env + ["--"] + command
+    full = ["vx_disk_full"] if s.disk.full else []
+    return starts + full + ["vx_run " + " ".join(q(a) for a in words)] + stops
 
 
 def collect_steps(s, setup):

@@ -7,15 +7,16 @@
 
 namespace {
 
-// The status, standard error and the patterns shown, as "1|ERROR: ...\n|7,".
-std::string RunFrame(const std::function<void()>& steps, bool display_fails = false)
+// The status, standard error and the patterns shown, as "1|ERROR: ...\n|7,";
+// the display fails as display_failure does, when given.
+std::string RunFrame(const std::function<void()>& steps, const std::function<void()>& display_failure = {})
 {
     std::string shown;
     testing::internal::CaptureStderr();
     const int status = RunChecks(steps, [&](ErrorLedPattern pattern) {
         shown += std::to_string(pattern) + ",";
-        if (display_fails)
-            throw corvid::ErrnoException(2, "/dev/input/veltrix-gpio");
+        if (display_failure)
+            display_failure();
     });
     return std::to_string(status) + "|" + testing::internal::GetCapturedStderr() + "|" + shown;
 }
@@ -32,11 +33,14 @@ TEST(RunChecks, StatusMessageAndPatternPerKindOfFailure)
     EXPECT_EQ(RunFrame(CheckMemory), "2|ERROR: " + context.Path("/proc/meminfo") +
                                          ": No such file or directory (errno 2)\n|2,");
 
-    // A pattern that cannot be shown keeps the status.
+    // A pattern that cannot be shown keeps the status, and says why after
+    // the handler's own line.
+    const auto no_device = [] { throw corvid::ErrnoException(2, "/dev/input/veltrix-gpio"); };
     const std::string unshown = "Unable to show the error LED pattern: "
                                 "/dev/input/veltrix-gpio: No such file or directory (errno 2)\n";
-    EXPECT_EQ(RunFrame(ethernet, true), "1|ERROR: Ethernet device not found\n" + unshown + "|7,");
-    EXPECT_EQ(RunFrame([] { throw 1; }, true), "2|ERROR: Unknown exception\n" + unshown + "|2,");
+    EXPECT_EQ(RunFrame(ethernet, no_device), "1|ERROR: Ethernet device not found\n" + unshown + "|7,");
+    EXPECT_EQ(RunFrame(ethernet, [] { throw 7; }),
+              "1|ERROR: Ethernet device not found\nUnable to show the error LED pattern: Unknown exception\n|7,");
 }
 
 TEST(CheckMemory, ThresholdIs200MiBReadLikeStrtoulInBaseZero)

@@ -23,7 +23,7 @@ endif()
 set(runtime_files
     etc/init.d/vx-hwcheck usr/sbin/vx-hwcheck usr/bin/vxtool usr/sbin/vx-registryd
     usr/lib/systemd/system/vx-hwcheck.service usr/lib/systemd/system/veltrix-player.target
-    usr/lib/systemd/system/vx-registryd.service usr/share/dbus-1/system.d/com.veltrix.Registry.conf
+    usr/lib/systemd/system/vx-registryd.service usr/share/dbus-1/system.d/com.tessalabs.Registry.conf
     usr/share/man/man8/vx-hwcheck.8.gz usr/share/man/man1/vxtool.1.gz
     usr/share/doc/vx-hwcheck/copyright usr/share/doc/vx-hwcheck/changelog.gz)
 set(dev_files

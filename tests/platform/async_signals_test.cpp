@@ -1,9 +1,15 @@
-// The debugger flag, the signal policy and the observer registry.
+// The debugger flag, the signal policy, the observer registry and the D-Bus
+// dispatcher's owner.
 #include <pthread.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <functional>
+#include <future>
 #include <string>
 
 #include <dbus-c++/dispatcher.h>
@@ -11,6 +17,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/async_signals.h"
+#include "platform/dbus_dispatcher.h"
 #include "platform/debug_helpers.h"
 #include "support/fake_context.h"
 #include "support/programs.h"
@@ -95,18 +102,71 @@ TEST(SignalDispatcher, ObserversInOrderAndDeliveryOutsideTheHandler)
               std::string::npos);
 }
 
-TEST(EnsureDBusDispatcher, TheStaticInstanceInstalledADispatcherBeforeMain)
+enum class Loop { OnAThread, HangingOnAThread, NoneAndItsWakeUpFails };
+
+// In a child: an owner that asks for the thread comes and goes; a timeout,
+// added before the thread so that its first wait ends with it, reports the
+// thread that runs it and, told to hang, stays there. At exit the static
+// owner, the last one, stops the loop and joins the thread; without a thread
+// a failed wake-up there leaves the exit status as it is.
+[[noreturn]] void ExitAfter(Loop loop)
 {
-    ASSERT_NE(DBus::default_dispatcher, nullptr);
-    // The last instance wakes the loop at exit; when that write fails the
-    // process still exits with its status, not SIGABRT.
-    auto& dispatcher = dynamic_cast<DBus::BusDispatcher&>(*DBus::default_dispatcher);
-    EXPECT_EXIT(
+    auto* dispatcher = dynamic_cast<DBus::BusDispatcher*>(DBus::default_dispatcher);
+    if (loop == Loop::NoneAndItsWakeUpFails)
+        ::close(dispatcher->_fdunlock[1]), std::exit(3);
+    const bool hang = loop == Loop::HangingOnAThread;
+    struct Probe {
+        void Expired(DBus::DefaultTimeout& timeout)
         {
-            ::close(dispatcher._fdunlock[1]);
-            std::exit(3);
-        },
-        testing::ExitedWithCode(3), "");
+            timeout.enabled(false);
+            char name[16] = {};
+            sigset_t blocked;
+            prctl(PR_GET_NAME, name);
+            pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+            ran.set_value(std::string(name) + (sigismember(&blocked, SIGTERM) && sigismember(&blocked, SIGHUP)
+                                                   ? " with SIGTERM and SIGHUP blocked\n"
+                                                   : "\n"));
+            while (hang)
+                pause();
+        }
+        bool hang;
+        std::promise<std::string> ran;
+    } probe{hang, {}};
+    std::string seen = "nothing ran the loop\n";
+    {
+        FakeContext context; // where the thread reads the debugger flag
+        context.WriteFile("/proc/cmdline", "quiet\n");
+        auto* timeout = new DBus::DefaultTimeout(1, false, dispatcher); // the dispatcher deletes it
+        timeout->expired = new DBus::Callback<Probe, void, DBus::DefaultTimeout&>(&probe, &Probe::Expired);
+        { const EnsureDBusDispatcher with_thread(true); }
+        std::future<std::string> ran = probe.ran.get_future();
+        if (ran.wait_for(std::chrono::seconds(5)) == std::future_status::ready)
+            seen = ran.get();
+    }
+    std::fputs(seen.c_str(), stderr);
+    std::exit(3);
+}
+
+TEST(EnsureDBusDispatcher, ItsThreadDispatchesAndIsJoinedAtExitWithinTenSecondsAndAFailedWakeUpKeepsTheStatus)
+{
+    VXTEST_REQUIRE_ISOLATION();
+    ASSERT_NE(DBus::default_dispatcher, nullptr); // installed before main
+    const std::string ran = "^DbusDispatcher with SIGTERM and SIGHUP blocked\n";
+    const struct {
+        Loop loop;
+        std::function<bool(int)> ended;
+        std::string err;
+        double least_s, most_s;
+    } runs[] = {{Loop::OnAThread, testing::ExitedWithCode(3), ran + "$", 0, 5},
+                {Loop::HangingOnAThread, testing::KilledBySignal(SIGABRT),
+                 ran + "~EnsureDBusDispatcher thread failed to exit in a timely manner\\.\n$", 10, 15},
+                {Loop::NoneAndItsWakeUpFails, testing::ExitedWithCode(3), "^$", 0, 5}};
+    for (const auto& run : runs) {
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EXIT(ExitAfter(run.loop), run.ended, run.err);
+        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+        EXPECT_TRUE(took.count() >= run.least_s && took.count() < run.most_s) << took.count() << " s";
+    }
 }
 
 } // namespace

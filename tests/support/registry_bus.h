@@ -15,11 +15,16 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <typeinfo>
 #include <utility>
 #include <vector>
+
+#include <boost/core/demangle.hpp>
+#include <dbus-c++/error.h>
 
 #include "support/programs.h"
 
@@ -64,6 +69,19 @@ inline void WaitFor(pid_t pid, const std::string& log, const std::string& text)
             throw std::runtime_error("did not start: " + ReadFile(log));
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
+}
+
+// "<type>: <what>" of the call's exception, a D-Bus error by its name; "none".
+inline std::string Failure(const std::function<void()>& call)
+{
+    try {
+        call();
+    } catch (const DBus::Error& e) {
+        return std::string(e.name()) + ": " + e.message();
+    } catch (const std::exception& e) {
+        return boost::core::demangle(typeid(e).name()) + ": " + e.what();
+    }
+    return "none";
 }
 
 class RegistryBus {

@@ -28,11 +28,13 @@
 namespace {
 
 constexpr const char* USAGE = "usage: vx-registryd [--store FILE] [--verbose]\n";
+// The longest text of an error reply.
+constexpr std::size_t MAX_REPLY_TEXT = 512;
 
 // The service's object: every method runs on the store, whose failures go
 // back as the registry's D-Bus errors. With verbose, each request is logged
 // on standard error by its member name.
-class RegistryService final : public com::veltrix::Registry_adaptor,
+class RegistryService final : public com::tessalabs::Registry_adaptor,
                               public DBus::IntrospectableAdaptor,
                               public DBus::ObjectAdaptor {
 public:
@@ -115,7 +117,9 @@ private:
             m_message = e.what();
         }
         // The binding's error keeps the pointers it is given: the text lives
-        // here until the reply has gone, before the next request.
+        // here until the reply has gone, before the next request. A reply
+        // repeats no more of the request than an excerpt, in valid UTF-8.
+        m_message = Excerpt(m_message, MAX_REPLY_TEXT);
         throw DBus::Error(error, m_message.c_str());
     }
 
