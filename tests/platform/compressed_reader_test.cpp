@@ -25,7 +25,8 @@ using Notes = std::vector<std::tuple<unsigned, std::string, std::string>>;
 // block 1 bad, holding data from the start.
 std::shared_ptr<MemoryNand> Partition(const std::string& data, std::size_t erase = 4096)
 {
-    auto nand = std::make_shared<MemoryNand>(std::max<std::size_t>(16, (data.size() + 8192) / erase + 2) * erase, erase);
+    const std::size_t blocks = std::max<std::size_t>(16, (data.size() + 8192) / erase + 2);
+    auto nand = std::make_shared<MemoryNand>(blocks * erase, erase);
     nand->bad_blocks = {1};
     LayOverGoodBlocks(*nand, 0, data);
     return nand;

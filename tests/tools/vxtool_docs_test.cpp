@@ -37,10 +37,9 @@ TEST(VxtoolDocs, TheReadmeAndTheManualPageShowEveryCommandAsItsUsageDoes)
     // The commands, from the command list.
     std::istringstream list(vxtest::Vxtool({"help"}).out);
     std::vector<std::string> commands;
-    for (std::string line; std::getline(list, line);) {
+    for (std::string line; std::getline(list, line);)
         if (line.rfind("  ", 0) == 0)
             commands.push_back(line.substr(2, line.find(' ', 2) - 2));
-    }
     ASSERT_GE(commands.size(), 13u);
 
     const std::string readme = vxtest::ReadFile(VX_SOURCE_DIR "/README.md");

@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -46,14 +47,8 @@ TEST(VxtoolHwconfig, DerivesTheConfigurationFromImages)
     ASSERT_EQ(run({"mkenv", "--erase-size", "16384", "-o", env}, all), "0 ");
     const std::string erased = dir.WriteFile("erased.img", std::string(4 * 16384, '\xFF'));
     std::string lines;
-    for (const char* name : {"0x1 hdmi", "0x10 ethernet", "0x100 gpio-connector", "0x10000 ir-blaster",
-                             "0x30000000 eac3", "0x100000000 srb-configured", "0x1000000000 internal-storage-only",
-                             "0x2000000000 no-packet-capture", "0x4000000000 no-vxn-cloud", "0x8000000000 vxear",
-                             "0x10000000000 no-lldp-reporting", "0x20000000000 no-usb-networking",
-                             "0x80000000000 blessings-applied", "0x100000000000 no-usb-storage",
-                             "0xe00000000000 hdmi-outputs", "0x4000000000000 clock-boost", "0x8000000000000 eth1",
-                             "0x20000000000000 dws"})
-        lines += std::string("bit ") + name + "\n";
+    for (const vxtest::CapabilityOracle& row : vxtest::CAPABILITY_ORACLE)
+        lines += fmt::format("bit 0x{:x} {}\n", row.mask, row.printed);
     EXPECT_THAT(run({"hwconfig", "--env-image", env, "--env-erase-size", "16384", "--devdata-image", erased,
                      "--devdata-erase-size", "16384", "--boardid", boardid}),
                 testing::EndsWith("hardware-bitfield: 0xffffffffffffffff\n" + lines));

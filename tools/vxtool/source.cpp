@@ -100,7 +100,8 @@ PartitionOptions::PartitionOptions(Arguments& args, std::initializer_list<Partit
             throw UsageError(fmt::format("{} {} does not divide {} {}", name("write-size"), source.write_size,
                                          name("erase-size"), source.erase_size));
         // The device-data reader works in the player's 2048-byte pages.
-        if (std::string_view(partition.name) == DEVICE_DATA.name && source.write_size != VeltrixDeviceDataStorageNand::BLOCK_SIZE)
+        if (std::string_view(partition.name) == DEVICE_DATA.name &&
+            source.write_size != VeltrixDeviceDataStorageNand::BLOCK_SIZE)
             throw UsageError(fmt::format("{} {}: the device-data partition has pages of {} bytes", name("write-size"),
                                          source.write_size, VeltrixDeviceDataStorageNand::BLOCK_SIZE));
         if (given.have_bad_blocks)
