@@ -2,7 +2,7 @@
 // or group of bits that has a name, with the blessing that changes it.
 // HardwareConfig's blessing handler, the blessings' device-bound rule,
 // "vxtool hwconfig" and the tests all read this table, so a new boon is one
-// row here (and one in the test's own table).
+// row here (and one in the tests' own CAPABILITY_ORACLE).
 #pragma once
 
 #include <cstddef>
