@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "hardware/bootloader_environment.h"
 #include "hardware/context.h"
 #include "hardware/event_device.h"
 #include "platform/clock.h"
@@ -79,6 +80,8 @@ public:
                     const corvid::HardwareAddress& eth0)
         : Context(corvid::RootDir(root)), m_partitions(std::move(partitions)), m_eth0(eth0)
     {
+        // Another unit: its environment is loaded afresh.
+        ForgetBootloaderEnvironment();
     }
 
     NandAccess::Pointer OpenPartition(const std::string& name) override

@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 
 #include "child_process.h"
+#include "factory/partition_layout.h"
 #include "factory/records.h"
 #include "factory/rsa_signer.h"
 #include "hardware/blessings.h"
@@ -45,27 +46,6 @@ std::string PadTo4(std::string bytes)
 {
     bytes.resize((bytes.size() + 3) / 4 * 4, '\0');
     return bytes;
-}
-
-// A partition image: bad blocks zero-filled, data laid over the good blocks
-// from the first on, erased to the end.
-std::string LayOver(const std::string& data, std::size_t blocks, const std::set<std::size_t>& bad)
-{
-    std::string image;
-    std::size_t done = 0;
-    for (std::size_t block = 0; block < blocks; ++block) {
-        if (bad.count(block)) {
-            image.append(ERASE_SIZE, '\0');
-        } else {
-            const std::string part = done < data.size() ? data.substr(done, ERASE_SIZE) : std::string();
-            image += part;
-            image.append(ERASE_SIZE - part.size(), '\xFF');
-            done += ERASE_SIZE;
-        }
-    }
-    if (done < data.size())
-        throw std::runtime_error("partition data larger than its good blocks");
-    return image;
 }
 
 std::size_t BlocksFor(std::size_t bytes) { return (bytes + ERASE_SIZE - 1) / ERASE_SIZE; }
@@ -272,7 +252,8 @@ HealthyUnit SaveHealthyUnit(const std::string& dir, const std::string& keys_dir,
         // Every partition keeps a spare erased block or more after its data.
         const std::size_t blocks =
             std::max<std::size_t>(8, BlocksFor(contents[i].size()) + 2) + p.bad_blocks.size();
-        corvid::WriteWholeFile(p.image, LayOver(contents[i], blocks, p.bad_blocks), 0644);
+        corvid::WriteWholeFile(p.image, MakePartitionImage(contents[i], blocks * ERASE_SIZE, ERASE_SIZE, p.bad_blocks),
+                               0644);
     }
 
     // The live files.

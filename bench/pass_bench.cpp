@@ -189,14 +189,14 @@ std::vector<Step> TimeSteps(const bench::HealthyUnit& unit, const std::string& s
     BootloaderEnvironment environment;
     time("hardware configuration", [&config] { config.emplace(); });
     time("memory", [] { CheckMemory(); });
-    time("SSD", [] { WarnAboutSsd(); });
+    time("SSD", [&config] { WarnAboutSsd(*config); });
     time("environment (cached)", [&environment] { environment = GetBootloaderEnvironment(); });
     time("revision label", [&environment] { LabelRevision(environment); });
     time("Ethernet", [&config] { CheckEthernet(config->GetHardwareBitfield()); });
     time("blessings", [&] { CollectBlessings(environment, config->GetSecureId()); });
-    time("versions", [] { GatherVersions(); });
+    time("versions", [&config] { GatherVersions(*config); });
     time("AVS", [] { PrintAvsReport(ReadAvsStatus()); });
-    time("banner", [] { FormatBanner(); });
+    time("banner", [&config] { FormatBanner(*config); });
     return steps;
 }
 

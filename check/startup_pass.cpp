@@ -33,16 +33,16 @@ bool IsDirectory(const std::string& path)
 
 } // namespace
 
-void WarnAboutSsd()
+void WarnAboutSsd(HardwareConfig& config)
 {
-    const std::string warning = HardwareConfig::GetInstance()->CheckSsd();
+    const std::string warning = config.CheckSsd();
     if (!warning.empty())
         corvid::PrintPlain("<3>{}", warning);
 }
 
 std::string LabelRevision(const BootloaderEnvironment& environment)
 {
-    if (environment.Get("VX_FORMAT") != "1") {
+    if (!environment.HasSrb()) {
         corvid::PrintPlain("SRB IS NOT SET. RUN MANUFACTURING TEST.");
         return "NO-SRB";
     }
@@ -74,30 +74,23 @@ std::string CollectBlessings(const BootloaderEnvironment& environment, const std
 {
     const VeltrixDeviceDataStorageNand storage(Context::GetInstance()->OpenPartition(DEVICE_DATA_PARTITION));
     std::string suffix;
-    blessings::EnumerateBlessings(storage, secure_id, environment.Get("VX_SERIAL"),
+    blessings::EnumerateBlessings(storage, secure_id, environment.Serial(),
                                   [&suffix](const std::string& name, const std::string&) {
                                       suffix += (suffix.empty() ? " bl=" : ",") + name;
                                   });
     return suffix;
 }
 
-BootVersions GatherVersions()
+BootVersions GatherVersions(const HardwareConfig& config)
 {
     BootVersions versions;
     versions.bootloader = GetBootloaderVersion();
     versions.first_images = GetFirstImagesVersion();
     versions.rescue_kernel = GetRescueKernelVersion();
     versions.operating_system = GetOperatingSystemVersion();
-    versions.model = HardwareConfig::GetInstance()->GetModelName();
+    versions.model = config.GetModelName();
     versions.serial = GetSerialNumber();
     return versions;
-}
-
-std::uint64_t ReadHardwareFlags(const BootloaderEnvironment& environment)
-{
-    if (!environment.variables.count("VX_HWFLAGS"))
-        return ~std::uint64_t(0);
-    return std::strtoull(environment.Get("VX_HWFLAGS").c_str(), nullptr, 0);
 }
 
 void PrintAvsReport(std::map<std::string, std::string> avs)
@@ -108,9 +101,9 @@ void PrintAvsReport(std::map<std::string, std::string> avs)
     corvid::PrintPlain("<6>AVS {}", line);
 }
 
-std::string FormatBanner()
+std::string FormatBanner(const HardwareConfig& config)
 {
-    const std::string model = HardwareConfig::GetInstance()->GetModelName();
+    const std::string model = config.GetModelName();
     const std::string serial = GetSerialNumber();
     return fmt::format("Veltrix {} {} v{}\r\n\n", model, serial, GetOperatingSystemVersion());
 }
@@ -123,19 +116,19 @@ void WriteIssueFile(const std::string& banner)
 void RunStartupPass(const BannerWriter& write_banner)
 {
     CheckMemory();
-    WarnAboutSsd();
+    HardwareConfig& config = *HardwareConfig::GetInstance();
+    WarnAboutSsd(config);
     const BootloaderEnvironment environment = GetBootloaderEnvironment();
     const std::string revision = LabelRevision(environment);
-    const HardwareConfig& config = *HardwareConfig::GetInstance();
     CheckEthernet(config.GetHardwareBitfield());
     const std::string blessings = CollectBlessings(environment, config.GetSecureId());
-    const BootVersions versions = GatherVersions();
-    const std::uint64_t flags = ReadHardwareFlags(environment);
+    const BootVersions versions = GatherVersions(config);
+    const std::uint64_t flags = environment.HardwareFlags();
     corvid::PrintPlain("<6>VELTRIX boot={} firstimages={} rescue={} mission={} model={} {} serial={} hw={:x} "
                        "sk={:d} sb={:d}{}\n",
                        versions.bootloader, versions.first_images, versions.rescue_kernel,
                        versions.operating_system, versions.model, revision, versions.serial, flags,
                        config.GetSecureKeys(), config.GetSecureBoot(), blessings);
     PrintAvsReport(ReadAvsStatus());
-    write_banner(FormatBanner());
+    write_banner(FormatBanner(config));
 }

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "hardware/bootloader_environment.h"
+#include "hardware/hardware_config.h"
 
 // Where the login banner is written.
 inline constexpr const char* ISSUE_FILE_PATH = "/etc/issue";
@@ -30,7 +31,7 @@ struct BootVersions {
 
 // Step 3: prints "<3>" and the hardware configuration's SSD warning, if it
 // has one (a plain print: its failure reaches the outermost handlers).
-void WarnAboutSsd();
+void WarnAboutSsd(HardwareConfig& config);
 
 // Step 5: "REV@" raised by VX_HWREV (0 to 25), "REV<n>" from 26 on (clamped
 // to 65535; 65535 when absent), both only when VX_FORMAT is exactly "1";
@@ -49,18 +50,16 @@ void CheckEthernet(std::uint64_t hardware_bitfield);
 // The serial number is VX_SERIAL as it stands.
 std::string CollectBlessings(const BootloaderEnvironment& environment, const std::string& secure_id);
 
-// Step 9: the versions, the model name and the serial number.
-BootVersions GatherVersions();
-
-// Step 10: VX_HWFLAGS read like strtoull in base 0; all ones when absent.
-std::uint64_t ReadHardwareFlags(const BootloaderEnvironment& environment);
+// Step 9: the versions, the model name (the configuration's) and the serial
+// number.
+BootVersions GatherVersions(const HardwareConfig& config);
 
 // Step 12: "<6>AVS " and "KEY=VALUE " for Revision, V0, T0, PV0 and MV0 (an
 // absent key an empty value), without a line end.
 void PrintAvsReport(std::map<std::string, std::string> avs);
 
 // Step 13's text: "Veltrix <model> <serial> v<os version>\r\n\n", read afresh.
-std::string FormatBanner();
+std::string FormatBanner(const HardwareConfig& config);
 
 // Replaces /etc/issue with the banner, mode 0644 (corvid::ReplaceFile): a
 // reader sees the old banner or the new one; a FIFO or a link there is
@@ -71,5 +70,8 @@ using BannerWriter = std::function<void(const std::string& banner)>;
 
 // Steps 2 to 13 (the hardware configuration, step 1, is the caller's):
 // every check and the boot report, ending with the banner given to
-// write_banner. A failed step throws to the caller's outermost handlers.
+// write_banner. Step 3 reaches the configuration through GetInstance() (the
+// pointer check applies) and the pass hands it to the steps; step 10, the
+// hardware flags, is the environment's BootloaderEnvironment::HardwareFlags.
+// A failed step throws to the caller's outermost handlers.
 void RunStartupPass(const BannerWriter& write_banner);

@@ -15,6 +15,7 @@
 
 #include "fuzz_support.h"
 #include "hardware/blessings.h"
+#include "hardware/capabilities.h"
 #include "hardware/vx_device_data.h"
 #include "platform/binary_fields.h"
 
@@ -46,7 +47,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (image.size() + DEVICE_DATA_CHUNK_HEADER_SIZE > ERASE_SIZE)
         return 0;
 
-    auto nand = std::make_shared<vxfuzz::MemoryNand>(2 * ERASE_SIZE, ERASE_SIZE);
+    auto nand = std::make_shared<MemoryNand>(2 * ERASE_SIZE, ERASE_SIZE);
+    nand->reject_out_of_range = true;
     nand->Put(0, image);
     const VeltrixDeviceDataStorageNand storage(nand);
     try {
@@ -54,8 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                                       [&](const std::string& name, const std::string&) {
                                           VXFUZZ_CHECK(!name.empty());
                                           VXFUZZ_CHECK(name.find(':') == std::string::npos);
-                                          VXFUZZ_CHECK(tag == blessings::BLESSING_TAG ||
-                                                       name != blessings::DEVICE_BOUND_ONLY_FEATURE);
+                                          VXFUZZ_CHECK(tag == blessings::BLESSING_TAG || !IsDeviceBoundOnly(name));
                                       });
     } catch (const std::exception&) {
     }

@@ -44,7 +44,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const unsigned layout = data[0];
     const std::string_view content = vxfuzz::Text(data + 1, size - 1);
 
-    auto nand = std::make_shared<vxfuzz::MemoryNand>(BLOCKS * ERASE_SIZE, ERASE_SIZE);
+    auto nand = std::make_shared<MemoryNand>(BLOCKS * ERASE_SIZE, ERASE_SIZE);
     for (unsigned b = 0; b < 6; ++b)
         if (layout & (1u << b))
             nand->bad_blocks.insert(b);

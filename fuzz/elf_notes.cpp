@@ -55,11 +55,12 @@ std::optional<Notes> Walk(std::string_view image, unsigned bad_mask)
 {
     // Room for the image, the bad blocks and the reader's 4096-byte fills.
     const std::size_t blocks = (image.size() + ERASE_SIZE - 1) / ERASE_SIZE + 2 + 8;
-    auto nand = std::make_shared<vxfuzz::MemoryNand>(blocks * ERASE_SIZE, ERASE_SIZE);
+    auto nand = std::make_shared<MemoryNand>(blocks * ERASE_SIZE, ERASE_SIZE);
+    nand->reject_out_of_range = true;
     for (unsigned b = 0; b < 8; ++b)
         if (bad_mask & (1u << b))
             nand->bad_blocks.insert(b);
-    nand->PutOverGoodBlocks(0, image);
+    LayOverGoodBlocks(*nand, 0, image);
 
     Notes notes;
     try {

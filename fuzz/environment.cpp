@@ -71,7 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     std::string block(input);
     block.resize(ERASE_SIZE, '\xFF');
-    vxfuzz::MemoryNand nand(BLOCKS * ERASE_SIZE, ERASE_SIZE);
+    MemoryNand nand(BLOCKS * ERASE_SIZE, ERASE_SIZE);
     nand.reject_out_of_range = (layout & 0x80) != 0;
     std::optional<std::size_t> first_good;
     for (std::size_t b = 0; b < BLOCKS; ++b) {

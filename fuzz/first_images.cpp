@@ -57,13 +57,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         --blocks;
     blocks = std::min(blocks, MAX_PARTITION / erase_size);
 
-    auto nand = std::make_shared<vxfuzz::MemoryNand>(blocks * erase_size, erase_size);
+    auto nand = std::make_shared<MemoryNand>(blocks * erase_size, erase_size);
     for (unsigned b = 0; b < 32; ++b)
         if (bad_mask & (1u << b))
             nand->bad_blocks.insert(b);
     nand->reject_out_of_range = (data[0] & 8) != 0;
-    nand->PutOverGoodBlocks(WORDS_OFFSET, vxfuzz::Text(data + 5, 8));
-    nand->PutOverGoodBlocks(std::uint64_t{start} + INFO_OFFSET, text);
+    LayOverGoodBlocks(*nand, WORDS_OFFSET, vxfuzz::Text(data + 5, 8));
+    LayOverGoodBlocks(*nand, std::uint64_t{start} + INFO_OFFSET, text);
     vxfuzz::FuzzContext::Get().SetPartition(BOOTLOADER_PARTITION, nand);
 
     try {

@@ -5,7 +5,6 @@
 
 #include <sched.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -24,95 +23,6 @@
 extern "C" void __sanitizer_report_error_summary(const char* summary) __attribute__((weak));
 
 namespace vxfuzz {
-
-MemoryNand::MemoryNand(std::uint64_t total_size, std::size_t erase_size, std::size_t write_size)
-    : m_total_size(total_size), m_erase_size(erase_size), m_write_size(write_size)
-{
-    if (erase_size == 0)
-        throw std::invalid_argument("MemoryNand needs an erase size");
-}
-
-void MemoryNand::Put(std::uint64_t offset, std::string_view bytes)
-{
-    while (!bytes.empty() && offset < m_total_size) {
-        const std::uint64_t index = offset / m_erase_size;
-        const std::size_t in_block = offset % m_erase_size;
-        const std::size_t n = std::min(bytes.size(), m_erase_size - in_block);
-        auto [block, added] = m_blocks.try_emplace(index);
-        if (added)
-            block->second.assign(m_erase_size, '\xFF');
-        block->second.replace(in_block, n, bytes.substr(0, n));
-        bytes.remove_prefix(n);
-        offset += n;
-    }
-}
-
-void MemoryNand::PutOverGoodBlocks(std::uint64_t logical_offset, std::string_view bytes)
-{
-    const std::uint64_t blocks = m_total_size / m_erase_size;
-    for (std::uint64_t index = 0; index < blocks && !bytes.empty(); ++index) {
-        if (bad_blocks.count(index) != 0)
-            continue;
-        if (logical_offset >= m_erase_size) {
-            logical_offset -= m_erase_size;
-            continue;
-        }
-        const std::size_t n = std::min<std::uint64_t>(bytes.size(), m_erase_size - logical_offset);
-        Put(index * m_erase_size + logical_offset, bytes.substr(0, n));
-        bytes.remove_prefix(n);
-        logical_offset = 0;
-    }
-}
-
-bool MemoryNand::IsBadBlock(std::uint64_t offset)
-{
-    if (offset >= m_total_size && reject_out_of_range)
-        throw corvid::ErrnoException(EINVAL);
-    return bad_blocks.count(offset / m_erase_size) != 0;
-}
-
-int MemoryNand::MarkBadBlock(std::uint64_t offset)
-{
-    bad_blocks.insert(offset / m_erase_size);
-    return 0;
-}
-
-int MemoryNand::EraseBlock(std::uint64_t offset)
-{
-    if (offset >= m_total_size)
-        throw corvid::ErrnoException(EINVAL);
-    if (IsBadBlock(offset))
-        throw corvid::ErrnoException(EIO);
-    m_blocks.erase(offset / m_erase_size);
-    return 0;
-}
-
-std::size_t MemoryNand::Read(std::uint64_t offset, void* buffer, std::size_t length)
-{
-    if (offset > m_total_size)
-        throw corvid::ErrnoException(EINVAL, "NandBlockAccess::Read");
-    const std::size_t n = std::min<std::uint64_t>({length, m_erase_size, m_total_size - offset});
-    auto* out = static_cast<char*>(buffer);
-    for (std::size_t done = 0; done < n;) {
-        const std::uint64_t at = offset + done;
-        const std::size_t in_block = at % m_erase_size;
-        const std::size_t piece = std::min(n - done, m_erase_size - in_block);
-        const auto block = m_blocks.find(at / m_erase_size);
-        if (block == m_blocks.end())
-            std::memset(out + done, 0xFF, piece);
-        else
-            std::memcpy(out + done, block->second.data() + in_block, piece);
-        done += piece;
-    }
-    return n;
-}
-
-void MemoryNand::Write(std::uint64_t offset, const void* buffer, std::size_t length)
-{
-    if (offset > m_total_size || length > m_total_size - offset)
-        throw corvid::ErrnoException(EINVAL, "NandBlockAccess::Write");
-    Put(offset, std::string_view(static_cast<const char*>(buffer), length));
-}
 
 namespace {
 

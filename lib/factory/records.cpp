@@ -6,6 +6,7 @@
 
 #include "factory/rsa_signer.h"
 #include "hardware/blessings.h"
+#include "hardware/capabilities.h"
 #include "hardware/srb.h"
 #include "hardware/vx_device_data.h"
 #include "platform/base64.h"
@@ -73,8 +74,8 @@ std::string MakeBlessingPayload(const std::string& tag, const std::string& names
     ForEachName(names, [&](const std::string&) { any_name = true; });
     if (!any_name)
         throw std::invalid_argument("A blessing record needs at least one name");
-    if (tag == BOON_TAG && MentionsDeviceBoundOnlyFeature(names))
-        throw std::invalid_argument("A boon cannot name eac3: the player refuses it");
+    if (const char* bound = tag == BOON_TAG ? MentionedDeviceBoundOnlyBlessing(names) : nullptr)
+        throw std::invalid_argument(fmt::format("A boon cannot name {}: the player refuses it", bound));
     for (const std::string* field : {&names, &parameter, &secure_id, &serial}) {
         if (field->size() > 0xFFFF)
             throw std::length_error("A blessing field is longer than 65535 bytes");

@@ -36,8 +36,8 @@ std::vector<std::pair<std::string, std::string>> SrbSignatureVariables(
 // The payload of a signed blessing record. The parameter field is left out
 // when the parameter is empty. Secure ID and serial only matter for a BLES
 // record. Throws std::invalid_argument for another tag, an empty names list
-// or a boon whose names contain "eac3", and std::length_error for a field
-// longer than 65535 bytes.
+// or a boon whose names mention a device-bound-only name ("eac3", see
+// CAPABILITIES), and std::length_error for a field longer than 65535 bytes.
 std::string MakeBlessingPayload(const std::string& tag, const std::string& names,
                                 const std::string& parameter, const std::string& secure_id,
                                 const std::string& serial, const GcrySexp& private_key);

@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 
+#include "hardware/capabilities.h"
 #include "hardware/signature_verifier.h"
 #include "platform/binary_fields.h"
 #include "platform/trace.h"
@@ -42,14 +43,6 @@ std::string SignedMessage(const std::string& tag, const std::string& secure_id,
     return message;
 }
 
-bool MentionsDeviceBoundOnlyFeature(std::string_view text)
-{
-    std::string lower(text);
-    for (char& c : lower)
-        c = (c >= 'A' && c <= 'Z') ? char(c - 'A' + 'a') : c;
-    return lower.find(DEVICE_BOUND_ONLY_FEATURE) != std::string::npos;
-}
-
 std::pair<std::string, std::string> VerifyBlessing(const std::string& secure_id,
                                                    const std::string& serial,
                                                    const std::string& tag,
@@ -68,7 +61,7 @@ std::pair<std::string, std::string> VerifyBlessing(const std::string& secure_id,
             throw std::runtime_error("Bogus data after blessings signature");
     }
 
-    if (tag == BOON_TAG && MentionsDeviceBoundOnlyFeature(names))
+    if (tag == BOON_TAG && MentionedDeviceBoundOnlyBlessing(names))
         throw std::runtime_error("Unable to write unsupported boon");
 
     const std::string digest = ComputeDigest(GCRY_MD_SHA256, SignedMessage(tag, secure_id, serial, names, parameter));
@@ -92,8 +85,7 @@ void EnumerateBlessings(const VeltrixDeviceDataStorageNand& storage, const std::
             const auto verified = VerifyBlessing(secure_id, serial, tag, key_1, key_2, payload);
             const std::string& parameter = verified.second;
             ForEachName(verified.first, [&](const std::string& name) {
-                if (tag != BLESSING_TAG && name.size() == std::string_view(DEVICE_BOUND_ONLY_FEATURE).size() &&
-                    MentionsDeviceBoundOnlyFeature(name))
+                if (tag != BLESSING_TAG && IsDeviceBoundOnly(name))
                     return;
                 handler(name, parameter);
             });

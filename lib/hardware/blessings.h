@@ -13,7 +13,6 @@
 
 #include <functional>
 #include <string>
-#include <string_view>
 #include <utility>
 
 #include "hardware/gcrypt_handles.h"
@@ -24,21 +23,16 @@ namespace blessings {
 inline constexpr const char* BLESSING_TAG = "BLES";
 inline constexpr const char* BOON_TAG = "BOON";
 
-// The feature that only a device-bound blessing may grant.
-inline constexpr const char* DEVICE_BOUND_ONLY_FEATURE = "eac3";
-
-// Whether text contains the device-bound-only feature's name in any ASCII
-// case: capabilities are granted by name ignoring case, so the guards that
-// keep the feature from boons ignore it too.
-bool MentionsDeviceBoundOnlyFeature(std::string_view text);
-
 using BlessingHandler = std::function<void(const std::string& name, const std::string& parameter)>;
 
 // Calls handler with each name granted by a valid BLES or BOON record of the
 // partition, in flash order, with that record's parameter. A record that
 // fails (bad encoding, bad signature, or the handler throwing) is reported
 // on standard error as "Exception while checking blessings: <what>\n" and
-// skipped; names it already granted stay granted. Failures to parse the
+// skipped; names it already granted stay granted. A name that only a
+// device-bound blessing may grant (CAPABILITIES, in any ASCII case, as
+// capabilities are granted) is skipped in a record that is not a BLES.
+// Failures to parse the
 // blessing keys or to read the partition throw.
 void EnumerateBlessings(const VeltrixDeviceDataStorageNand& storage, const std::string& secure_id,
                         const std::string& serial, const BlessingHandler& handler);
@@ -46,7 +40,9 @@ void EnumerateBlessings(const VeltrixDeviceDataStorageNand& storage, const std::
 // Parses, checks and verifies one record against the two blessing keys.
 // Returns the names field and the parameter. Throws std::runtime_error
 // "Incorrectly expressed string", "Bogus data after blessings signature",
-// "Unable to write unsupported boon" or "Blessing not correctly signed".
+// "Unable to write unsupported boon" (a boon whose names field mentions a
+// device-bound-only name anywhere, in any ASCII case) or "Blessing not
+// correctly signed".
 std::pair<std::string, std::string> VerifyBlessing(const std::string& secure_id,
                                                    const std::string& serial,
                                                    const std::string& tag,

@@ -1,5 +1,6 @@
 #include "hardware/bootloader_environment.h"
 
+#include <cstdlib>
 #include <exception>
 #include <mutex>
 #include <stdexcept>
@@ -13,7 +14,31 @@ namespace {
 // Erased flash: accepted as the end of the list in the first record only.
 constexpr unsigned char ERASED_FLASH = 0xFF;
 
+// The process's environment, loaded once.
+struct EnvironmentCache {
+    std::mutex mutex;
+    bool loaded = false;
+    BootloaderEnvironment environment;
+};
+
+EnvironmentCache& Cache()
+{
+    static EnvironmentCache cache;
+    return cache;
+}
+
 } // namespace
+
+bool BootloaderEnvironment::HasSrb() const
+{
+    return Get("VX_FORMAT") == "1";
+}
+
+std::uint64_t BootloaderEnvironment::HardwareFlags() const
+{
+    const auto flags = variables.find("VX_HWFLAGS");
+    return flags == variables.end() ? ~std::uint64_t(0) : std::strtoull(flags->second.c_str(), nullptr, 0);
+}
 
 std::map<std::string, std::string> ParseBootloaderEnvironmentBlock(std::string_view block)
 {
@@ -81,12 +106,19 @@ BootloaderEnvironment LoadBootloaderEnvironmentOrEmpty(Context& context)
 
 BootloaderEnvironment GetBootloaderEnvironment()
 {
-    Context& context = *Context::GetInstance();
-    Context::EnvironmentCache& cache = context.GetEnvironmentCache();
+    EnvironmentCache& cache = Cache();
     const std::lock_guard<std::mutex> lock(cache.mutex);
     if (!cache.loaded) {
-        cache.environment = LoadBootloaderEnvironmentOrEmpty(context);
+        cache.environment = LoadBootloaderEnvironmentOrEmpty(*Context::GetInstance());
         cache.loaded = true;
     }
     return cache.environment;
+}
+
+void ForgetBootloaderEnvironment()
+{
+    EnvironmentCache& cache = Cache();
+    const std::lock_guard<std::mutex> lock(cache.mutex);
+    cache.loaded = false;
+    cache.environment = BootloaderEnvironment();
 }

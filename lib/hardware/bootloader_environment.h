@@ -44,16 +44,28 @@ struct BootloaderEnvironment {
         const auto found = variables.find(key);
         return found == variables.end() ? empty : found->second;
     }
+
+    // Whether the unit has a signed manufacturing record (SRB): VX_FORMAT is
+    // exactly "1". Without it the player reads no other variable of the record.
+    bool HasSrb() const;
+    // VX_HWFLAGS read like strtoull in base 0; all ones when it is absent.
+    std::uint64_t HardwareFlags() const;
+    // VX_SERIAL as it stands (empty when absent), whether or not there is an SRB.
+    const std::string& Serial() const { return Get("VX_SERIAL"); }
 };
 
-// The environment of the process's context, loaded from flash0.nvram on
-// first use and cached for the life of the context, which on the player is
-// the life of the process (a failed load too). Never throws for a
-// missing or corrupt environment: it then prints
+// The process's environment, loaded from the context's flash0.nvram on first
+// use and cached for the life of the process (a failed load too), behind one
+// mutex. Never throws for a missing or corrupt environment: it then prints
 // "BOOTLOADER ENVIRONMENT CORRUPT. PLEASE RUN MANUFACTURING TEST\n" to
 // standard error once and yields an empty map. A failure to lock the cache
 // throws std::system_error.
 BootloaderEnvironment GetBootloaderEnvironment();
+
+// Forgets the cached environment, so that the next GetBootloaderEnvironment
+// loads it again. For tests and benchmarks, which make a new context (a new
+// unit) per case; the check never calls it.
+void ForgetBootloaderEnvironment();
 
 // Parses one environment block. Throws std::runtime_error "Unknown record
 // type", "Record header truncated" or "Record content truncated"; a record

@@ -13,11 +13,9 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 
-#include "hardware/bootloader_environment.h"
 #include "hardware/event_device.h"
 #include "platform/nand_access.h"
 #include "platform/posix_helpers.h"
@@ -42,20 +40,8 @@ public:
     // corvid::ErrnoException when it cannot be read.
     virtual corvid::HardwareAddress GetInterfaceAddress(const std::string& name) = 0;
 
-    // The boot-loader environment of this context, loaded once (see
-    // GetBootloaderEnvironment).
-    struct EnvironmentCache {
-        std::mutex mutex;
-        bool loaded = false;
-        BootloaderEnvironment environment;
-    };
-    EnvironmentCache& GetEnvironmentCache() { return m_environment; }
-
 protected:
     explicit Context(corvid::RootDir root) : corvid::SystemContext(std::move(root)) {}
-
-private:
-    EnvironmentCache m_environment;
 };
 
 // The player itself: root "/", the kernel's MTD partitions, the system clock.

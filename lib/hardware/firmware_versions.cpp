@@ -144,7 +144,7 @@ std::string GetOperatingSystemVersion()
 std::string GetSerialNumber()
 {
     const BootloaderEnvironment environment = GetBootloaderEnvironment();
-    return environment.Get("VX_FORMAT") == "1" ? environment.Get("VX_SERIAL") : std::string();
+    return environment.HasSrb() ? environment.Serial() : std::string();
 }
 
 int CompareVersions(const std::string& a, const std::string& b)

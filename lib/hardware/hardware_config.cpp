@@ -1,7 +1,5 @@
 #include "hardware/hardware_config.h"
 
-#include <algorithm>
-#include <cstdlib>
 #include <exception>
 
 #include "hardware/blessings.h"
@@ -13,59 +11,18 @@
 #include "hardware/vx_device_data.h"
 #include "platform/trace.h"
 
-namespace {
-
-// The capabilities a blessing can change, in the order they are matched.
-struct Capability {
-    const char* name;
-    std::uint64_t set;
-    std::uint64_t clear;
-};
-constexpr Capability CAPABILITIES[] = {
-    {"eac3", 0x30000000, 0},
-    {"internal-storage-only", 0x1000000000, 0},
-    {"enable-clock-boost", 0x4000000000000, 0},
-    {"disable-packet-capture", 0x2000000000, 0},
-    {"disable-vxn-cloud", 0x4000000000, 0},
-    {"vxear", 0x8000000000, 0},
-    {"disable-lldp-reporting", 0x10000000000, 0},
-    {"disable-usb-networking", 0x20000000000, 0},
-    {"disable-usb-storage", 0x100000000000, 0},
-    {"disable-gpio-connector", 0, 0x100},
-    {"disable-ir-blaster", 0, 0x10000},
-    {"disable-hdmi", 0, 0x1 | 0xE00000000000},
-    {"disable-eth1-interface", 0, 0x8000000000000},
-    {"enable-dws", 0x20000000000000, 0},
-};
-
-// Whole names compared ignoring ASCII case (an embedded NUL is a byte like
-// any other, never an end).
-bool EqualIgnoringAsciiCase(const std::string& a, const char* b)
-{
-    const std::string_view other(b);
-    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? char(c - 'A' + 'a') : c; };
-    return a.size() == other.size() &&
-           std::equal(a.begin(), a.end(), other.begin(),
-                      [&](char x, char y) { return lower(x) == lower(y); });
-}
-
-} // namespace
-
 HardwareConfig::HardwareConfig()
 {
     ReadBoardIdentity();
     const BootloaderEnvironment environment = GetBootloaderEnvironment();
 
-    if (environment.Get("VX_FORMAT") != "1") {
+    if (!environment.HasSrb()) {
         corvid::PrintGuarded("SRB not valid. Please run manufacturing test.\n");
         m_hardware_bitfield = 0;
         return;
     }
 
-    const auto flags = environment.variables.find("VX_HWFLAGS");
-    m_hardware_bitfield = flags == environment.variables.end()
-                              ? ~std::uint64_t(0)
-                              : std::strtoull(flags->second.c_str(), nullptr, 0);
+    m_hardware_bitfield = environment.HardwareFlags();
     m_oem_id = environment.Get("VX_OEM_ID");
     m_oem_model = environment.Get("VX_OEM_MODEL");
 
@@ -89,7 +46,7 @@ HardwareConfig::HardwareConfig()
     }
 
     m_hardware_bitfield |= HW_BLESSINGS_READ;
-    ApplyBlessings(environment.Get("VX_SERIAL"));
+    ApplyBlessings(environment.Serial());
     m_configured = true;
 }
 
@@ -132,13 +89,10 @@ void HardwareConfig::ApplyBlessings(const std::string& serial)
 
 void HardwareConfig::ApplyBlessing(const std::string& name)
 {
-    for (const Capability& capability : CAPABILITIES) {
-        if (EqualIgnoringAsciiCase(name, capability.name)) {
-            m_hardware_bitfield = (m_hardware_bitfield | capability.set) & ~capability.clear;
-            return;
-        }
-    }
-    corvid::PrintGuarded("HardwareConfig: Unknown blessing: '{}'\n", name);
+    if (const Capability* capability = FindBlessing(name))
+        m_hardware_bitfield = (m_hardware_bitfield | capability->set) & ~capability->clear;
+    else
+        corvid::PrintGuarded("HardwareConfig: Unknown blessing: '{}'\n", name);
 }
 
 std::string HardwareConfig::CheckSsd()

@@ -7,13 +7,9 @@
 #include <cstdint>
 #include <string>
 
+#include "hardware/capabilities.h"
 #include "platform/singleton.h"
 
-// Bits of the hardware bitfield.
-inline constexpr std::uint64_t HW_ETHERNET = 0x10;                // the model has an Ethernet port
-inline constexpr std::uint64_t HW_SRB_CONFIGURED = 0x100000000;   // set by every signed record
-inline constexpr std::uint64_t HW_NO_VXN_CLOUD = 0x4000000000;    // "disable-vxn-cloud", OEM Norva
-inline constexpr std::uint64_t HW_BLESSINGS_READ = 0x80000000000; // set before the blessings
 // The privileged bits that only a validly signed SRB may carry.
 inline constexpr std::uint64_t HW_PRIVILEGED = 0xC0030000000;
 
@@ -53,8 +49,8 @@ public:
     bool IsSrbValid() const { return m_srb_valid; }
     const std::string& GetSecureId() const { return m_secure_id; }
 
-    // The blessing handler: applies the first capability whose name matches,
-    // ignoring ASCII case; an unknown name prints
+    // The blessing handler: applies the capability (CAPABILITIES) whose
+    // blessing is name, ignoring ASCII case; an unknown name prints
     // "HardwareConfig: Unknown blessing: '<name>'\n".
     void ApplyBlessing(const std::string& name);
 

@@ -122,7 +122,7 @@ class DeviceVerdictTest(unittest.TestCase):
             "  measured (ms): [200.0, 300.0]\n"
             "  gap 2 (writes 2 to 3): expected 279.9 ms, measured 300.0 ms, off by +20.1",
             "exit after press: expected the program's last close at most 5.9 ms after the press, "
-            "measured 6.00 ms (press at 900.0 ms, close at 906.0 ms after the epoch)"])
+            "measured 6.00 ms (press at 900.0 ms, close at 906.0 ms after the program's first write to the device)"])
 
     def test_a_missing_write_a_close_before_the_press_and_an_unfinished_server(self):
         cut = self.LOG.replace("1500000000 write 17 17 1\n", "").replace("2000000000 exit\n", "200")
@@ -131,8 +131,8 @@ class DeviceVerdictTest(unittest.TestCase):
             "write gaps: expected 2 gaps (ms) [200.0, 300.0], but the device saw 2 writes, gaps [200.0]"])
         early = self.LOG.replace("1906000000 close", "1800000000 close")
         self.assertEqual(self.judge({"exit_after_press_ms": 10}, early), [
-            "exit after press: the program last closed the device at 800.0 ms after the epoch, "
-            "before any press"])
+            "exit after press: the program last closed the device at 800.0 ms after the program's first "
+            "write to the device, before any press"])
         self.assertEqual(self.judge({"writes": []}, None),
                          ["event device: the guest left no log of its server"])
 

@@ -24,7 +24,9 @@ RESERVED_TABLES = {
 }
 
 MASK_MAX = 0xFFFFFFFF  # GPIO masks: 32 lines or pins, bit n for line or pin n
-EPOCHS = ("write", "open", "start")  # see Input.epoch
+# What [input] times count from (see Input.epoch), as the verdicts name it.
+EPOCHS = {"write": "the program's first write to the device", "open": "the program's first open of the device",
+          "start": "the event device server's start"}
 
 NAME = r"[A-Za-z0-9][A-Za-z0-9._-]*"
 # The simulated players, by Debian architecture (board.py).

@@ -7,6 +7,7 @@ import os
 import re
 
 from . import SimError
+from .scenario import EPOCHS
 from .steps import MEMCHECK_LOG
 
 
@@ -86,10 +87,16 @@ def since_epoch(log):
     return lambda t: (t - start) / 1e6
 
 
-def judge_input(exp, log):
+def epoch_of(scenario):
+    """The epoch of the scenario's [input] times."""
+    return scenario.input.epoch if scenario.input else "write"
+
+
+def judge_input(exp, log, epoch="write"):
     """The event device's log against [expect.input]: the writes in order,
     the gaps between them, and how soon after the last press the program
-    closed the device for the last time."""
+    closed the device for the last time. Times are named after the epoch of
+    [input] (EPOCHS)."""
     if log is None:
         return ["event device: the guest left no log of its server"]
     diffs = []
@@ -121,26 +128,26 @@ def judge_input(exp, log):
             diffs.append("exit after press: the program never closed the device")
         elif press is None:
             diffs.append(f"exit after press: the program last closed the device at {at(close):.1f} ms "
-                         "after the epoch, before any press")
+                         f"after {EPOCHS[epoch]}, before any press")
         elif (close - press) / 1e6 > exp.exit_after_press_ms:
             diffs.append(f"exit after press: expected the program's last close at most "
                          f"{exp.exit_after_press_ms} ms after the press, measured "
                          f"{(close - press) / 1e6:.2f} ms (press at {at(press):.1f} ms, "
-                         f"close at {at(close):.1f} ms after the epoch)")
+                         f"close at {at(close):.1f} ms after {EPOCHS[epoch]})")
     return diffs
 
 
-def device_summary(log):
+def device_summary(log, epoch="write"):
     """One line on the event device's log: the writes, their gaps, the
     press that came last before the program's last close."""
     writes, at = writes_of(log), since_epoch(log)
     press, close = press_to_close(log)
     text = f"{len(writes)} writes, gaps (ms) {ms_list(gaps_ms(writes))}"
     if press is not None:
-        text += (f"; press at {at(press):.1f} ms after the epoch, "
+        text += (f"; press at {at(press):.1f} ms after {EPOCHS[epoch]}, "
                  f"last close {(close - press) / 1e6:.2f} ms later")
     elif close is not None:
-        text += f"; last close at {at(close):.1f} ms after the epoch"
+        text += f"; last close at {at(close):.1f} ms after {EPOCHS[epoch]}"
     return text
 
 
@@ -339,7 +346,7 @@ def judge(scenario, result, boot=1):
         else:
             compare("splash (what the reader got)", exp.splash, result.splash)
     if exp.input is not None:
-        diffs.extend(judge_input(exp.input, result.device_log))
+        diffs.extend(judge_input(exp.input, result.device_log, epoch_of(scenario)))
     if scenario.faults is not None:
         diffs.extend(judge_faults(scenario, result))
     if scenario.systemd is not None:
@@ -381,7 +388,7 @@ def report(s, result, rundir, show, log, boot=1):
             elif stream == "stderr":
                 log("  --- stderr: empty ---")
         if result.device_log is not None:
-            log(f"  --- event device: {device_summary(result.device_log)} ---")
+            log(f"  --- event device: {device_summary(result.device_log, epoch_of(s))} ---")
         if result.splash is not None:
             log(f"  --- splash: {result.splash!r} ---")
         if result.memcheck is not None:

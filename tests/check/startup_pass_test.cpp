@@ -38,9 +38,9 @@ TEST(StartupPass, RevisionLabelAndHardwareFlags)
         EXPECT_EQ(LabelRevision(Environment({{"VX_FORMAT", format}, {"VX_HWREV", "1"}})), "NO-SRB");
         EXPECT_EQ(testing::internal::GetCapturedStderr(), "SRB IS NOT SET. RUN MANUFACTURING TEST.");
     }
-    EXPECT_EQ(ReadHardwareFlags(Environment({})), ~std::uint64_t(0));
-    EXPECT_EQ(ReadHardwareFlags(Environment({{"VX_HWFLAGS", "0x1f"}})), 0x1fu);
-    EXPECT_EQ(ReadHardwareFlags(Environment({{"VX_HWFLAGS", "010"}})), 8u);
+    EXPECT_EQ(Environment({}).HardwareFlags(), ~std::uint64_t(0));
+    EXPECT_EQ(Environment({{"VX_HWFLAGS", "0x1f"}}).HardwareFlags(), 0x1fu);
+    EXPECT_EQ(Environment({{"VX_HWFLAGS", "010"}}).HardwareFlags(), 8u);
 }
 
 TEST(StartupPass, EthernetAddressRules)

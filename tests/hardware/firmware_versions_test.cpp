@@ -33,10 +33,10 @@ void AddBolt(FakeContext& context, std::uint32_t elsewhere, std::uint32_t start,
 {
     auto nand = context.AddPartition("flash0.bolt", 2 * 1024 * 1024, E);
     nand->bad_blocks = {2};
-    std::string logical(nand->data.size() - E, '\xFF');
+    std::string logical(nand->GetTotalSize() - E, '\xFF');
     logical.replace(0xD068, 8, vxtest::Le32(elsewhere) + vxtest::Le32(start));
     logical.replace(start + 0xFFC00, text.size(), text);
-    vxtest::LayOver(*nand, logical);
+    LayOverGoodBlocks(*nand, 0, logical);
 }
 
 TEST(FirstImages, InformationTextAndItsFailures)
@@ -90,7 +90,7 @@ TEST(RescueKernel, VersionNoteAndTheFallback)
         FakeContext context;
         auto nand = context.AddPartition("flash0.rescue", 16 * 4096, 4096);
         nand->bad_blocks = {1};
-        vxtest::LayOver(*nand, image);
+        LayOverGoodBlocks(*nand, 0, image);
         EXPECT_EQ(WithStderr(GetRescueKernelVersion), std::make_pair(version, message)) << image.size();
     }
 }
@@ -105,13 +105,13 @@ TEST(Versions, BootLoaderOperatingSystemAndSerial)
 
     for (const char* format : {"VX_FORMAT=01", "VX_OTHER=1"}) {
         FakeContext context;
-        context.AddPartition("flash0.nvram", 4 * E, E)->Poke(0, vxtest::EnvironmentBlock({format, "VX_SERIAL=1"}, E));
+        context.AddPartition("flash0.nvram", 4 * E, E)->Put(0, vxtest::EnvironmentBlock({format, "VX_SERIAL=1"}, E));
         EXPECT_EQ(GetSerialNumber(), "") << format;
     }
     FakeContext context;
     context.WriteFile("/proc/boardid", "ID: 0x1\nBootloader-version: bolt-v4.2\n");
     const auto nvram = context.AddPartition("flash0.nvram", 4 * E, E);
-    nvram->Poke(0, vxtest::EnvironmentBlock({"VX_FORMAT=1", "VX_SERIAL=A123"}, E));
+    nvram->Put(0, vxtest::EnvironmentBlock({"VX_FORMAT=1", "VX_SERIAL=A123"}, E));
     testing::internal::CaptureStderr();
     const HardwareConfig config;
     testing::internal::GetCapturedStderr();

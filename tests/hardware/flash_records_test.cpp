@@ -66,11 +66,11 @@ TEST(BootloaderEnvironmentLoadTest, ReadsTheFirstGoodBlockOnceOrGivesTheEmptyEnv
         FakeContext context;
         auto nand = context.AddPartition(BOOTLOADER_ENVIRONMENT_PARTITION, 8 * E, E);
         nand->bad_blocks = {0, 1};
-        nand->Poke(0, EnvironmentBlock({"X=0"}, E) + EnvironmentBlock({"X=1"}, E) +
+        nand->Put(0, EnvironmentBlock({"X=0"}, E) + EnvironmentBlock({"X=1"}, E) +
                           EnvironmentBlock({"VX_SERIAL=S1"}, E));
         EXPECT_EQ(GetBootloaderEnvironment().Get("VX_SERIAL"), "S1");
         EXPECT_EQ(GetBootloaderEnvironment().variables.size(), 1u);
-        EXPECT_EQ(nand->reads, (FakeNand::Reads{{2 * E, E}}));
+        EXPECT_EQ(nand->reads, (MemoryNand::Reads{{2 * E, E}}));
     }
     // Every block bad; a corrupt record after good ones (nothing survives); no partition.
     for (int failure = 0; failure < 3; ++failure) {
@@ -80,7 +80,7 @@ TEST(BootloaderEnvironmentLoadTest, ReadsTheFirstGoodBlockOnceOrGivesTheEmptyEnv
             if (failure == 0)
                 nand->bad_blocks = {0, 1, 2};
             else
-                nand->Poke(0, EnvironmentRecord("A=1") + EnvironmentRecord("B=2", '\x02') + '\0');
+                nand->Put(0, EnvironmentRecord("A=1") + EnvironmentRecord("B=2", '\x02') + '\0');
         }
         testing::internal::CaptureStderr();
         EXPECT_TRUE(GetBootloaderEnvironment().variables.empty());
@@ -135,32 +135,32 @@ try {
 
 TEST(DeviceData, ReadImage)
 {
-    auto nand = std::make_shared<FakeNand>(4 * E, E);
+    auto nand = std::make_shared<MemoryNand>(4 * E, E);
     nand->bad_blocks = {0};
     const std::string chunks = EncodeDeviceDataChunk("ABC_", "abc") + EncodeDeviceDataChunk("EMPT", "");
-    nand->Poke(E, HEADER + chunks);
+    nand->Put(E, HEADER + chunks);
     EXPECT_EQ(Read(nand), HEADER + chunks);
-    EXPECT_EQ(nand->reads, (FakeNand::Reads{{E, 2048}}));
+    EXPECT_EQ(nand->reads, (MemoryNand::Reads{{E, 2048}}));
 
     // "SKIP" covers pages 0 to 2 and is refused unread; "KEEP" pages 2 and 3.
-    nand = std::make_shared<FakeNand>(2 * E, E);
+    nand = std::make_shared<MemoryNand>(2 * E, E);
     const std::string keep = EncodeDeviceDataChunk("KEEP", std::string(3000, 'k'));
-    nand->Poke(0, HEADER + EncodeDeviceDataChunk("SKIP", std::string(5000, 's')) + keep);
+    nand->Put(0, HEADER + EncodeDeviceDataChunk("SKIP", std::string(5000, 's')) + keep);
     EXPECT_EQ(Read(nand, [](const std::string& t) { return t == "KEEP"; }), HEADER + keep);
-    EXPECT_EQ(nand->reads, (FakeNand::Reads{{0, 2048}, {4096, 2048}, {6144, 2048}}));
+    EXPECT_EQ(nand->reads, (MemoryNand::Reads{{0, 2048}, {4096, 2048}, {6144, 2048}}));
 
-    nand = std::make_shared<FakeNand>(3 * E, E);
+    nand = std::make_shared<MemoryNand>(3 * E, E);
     EXPECT_EQ(Read(nand), ""); // erased
-    nand->Poke(0, "VXDE");
+    nand->Put(0, "VXDE");
     EXPECT_EQ(Read(nand), "Veltrix device data is corrupt");
-    nand->Poke(0, HEADER + "LONG" + Le32(E + 1));
+    nand->Put(0, HEADER + "LONG" + Le32(E + 1));
     EXPECT_EQ(Read(nand), "Veltrix device data section too large");
-    nand->Poke(0, HEADER + EncodeDeviceDataChunk("FULL", std::string(E - 20, 'f')));
+    nand->Put(0, HEADER + EncodeDeviceDataChunk("FULL", std::string(E - 20, 'f')));
     EXPECT_EQ(Read(nand).size(), 8 + 8 + E);
     // The end tag in the partition's last 4 bytes, where no whole header fits.
-    const auto one_block = std::make_shared<FakeNand>(E, E);
+    const auto one_block = std::make_shared<MemoryNand>(E, E);
     const std::string last = HEADER + EncodeDeviceDataChunk("LAST", std::string(E - 40, 'l'));
-    one_block->Poke(0, last);
+    one_block->Put(0, last);
     EXPECT_EQ(Read(one_block), last);
     nand->bad_blocks = {0, 1, 2};
     nand->reject_out_of_range = true;
@@ -171,7 +171,7 @@ TEST(DeviceDataDeathTest, RefusesPagesOtherThan2048Bytes)
 {
     VXTEST_REQUIRE_ISOLATION();
     EXPECT_EXIT( // standard output, a buffered pipe, goes to standard error
-        (dup2(2, 1), VeltrixDeviceDataStorageNand(std::make_shared<FakeNand>(65536, 65536, 4096))),
+        (dup2(2, 1), VeltrixDeviceDataStorageNand(std::make_shared<MemoryNand>(65536, 65536, 4096))),
         testing::KilledBySignal(SIGABRT), testing::Eq("LHS=4096 (0x1000)\r\nRHS=2048 (0x800)\r\n"));
     EXPECT_THAT(vxtest::ReadFile(vxtest::KernelLogFile()),
                 testing::EndsWith(": nand->GetWriteSize()==BLOCK_SIZE\nASSERT Executing "

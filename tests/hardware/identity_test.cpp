@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "factory/partition_layout.h"
 #include "factory/records.h"
 #include "factory/rsa_signer.h"
 #include "hardware/blessings.h"
@@ -16,7 +17,6 @@
 #include "hardware/srb.h"
 #include "platform/base64.h"
 #include "platform/handles.h"
-#include "support/fake_nand.h"
 #include "support/oracles.h"
 
 namespace {
@@ -220,8 +220,8 @@ TEST(Blessings, ValidRecordsGrantTheirNamesInFlashOrderAndBadOnesAreReported)
         // An empty third field reads as no parameter.
         EncodeDeviceDataChunk("BOON", Payload("blessing-2", "BOON", "empty") + Field("")),
     };
-    auto nand = std::make_shared<FakeNand>(8 * 0x20000, 0x20000);
-    nand->Poke(0, EncodeDeviceDataImage(chunks));
+    auto nand = std::make_shared<MemoryNand>(8 * 0x20000, 0x20000);
+    nand->Put(0, EncodeDeviceDataImage(chunks));
     // The grants, and standard error, of an enumeration for a device.
     const auto enumerate = [&](const std::string& secure_id, Grants& grants) {
         testing::internal::CaptureStderr();

@@ -83,17 +83,17 @@ TEST(NandImageAccessTest, ReadsWritesAndErasesBlocksOfTheFile)
 constexpr std::size_t E = 128 * 1024;
 
 // Every byte of physical block b holds b + 1.
-std::shared_ptr<FakeNand> NumberedNand(std::size_t blocks, std::set<std::size_t> bad)
+std::shared_ptr<MemoryNand> NumberedNand(std::size_t blocks, std::set<std::size_t> bad)
 {
-    auto nand = std::make_shared<FakeNand>(blocks * E, E);
+    auto nand = std::make_shared<MemoryNand>(blocks * E, E);
     for (std::size_t b = 0; b < blocks; ++b)
-        nand->Poke(b * E, std::string(E, static_cast<char>(b + 1)));
+        nand->Put(b * E, std::string(E, static_cast<char>(b + 1)));
     nand->bad_blocks = bad;
     return nand;
 }
 
 // The bytes read, after the error's message when one was thrown.
-std::string ReadLogical(FakeNand& nand, std::uint64_t offset, std::size_t length)
+std::string ReadLogical(MemoryNand& nand, std::uint64_t offset, std::size_t length)
 {
     nand.reads.clear();
     std::string data(length, '\0'), error;
@@ -107,7 +107,7 @@ std::string ReadLogical(FakeNand& nand, std::uint64_t offset, std::size_t length
 
 TEST(NandBlockAccessTest, ReadsTheGoodBlocksOneBlockAtATimeUpToTheLast)
 {
-    using Reads = FakeNand::Reads;
+    using Reads = MemoryNand::Reads;
     auto nand = NumberedNand(5, {0, 2});
     EXPECT_EQ(ReadLogical(*nand, 0, 3), "\2\2\2");
     EXPECT_EQ(ReadLogical(*nand, E, 3), "\4\4\4");
@@ -137,14 +137,59 @@ TEST(NandBlockAccessTest, ReadsTheGoodBlocksOneBlockAtATimeUpToTheLast)
     EXPECT_EQ(ReadLogical(*bad, 7 * E, 0), ""); // a zero-length read looks for no block
 }
 
+// The factory's layout against the tests' own: data over the good blocks from
+// a logical offset on, cut short at the last good block; the image of a
+// partition with its bad blocks zero-filled.
+TEST(PartitionLayoutTest, LaysDataOverTheGoodBlocksLikeTheOracle)
+{
+    constexpr std::size_t B = 16; // erase size
+    const struct { std::size_t blocks; std::set<std::size_t> bad; std::size_t offset, size, fitted; } cases[] = {
+        {4, {}, 0, 40, 40},         {4, {0, 2}, 0, 20, 20},   {4, {1}, 5, 30, 30},
+        {4, {0}, 17, 30, 30},       {4, {1, 2}, 0, 40, 32},   {4, {0, 1, 2, 3}, 0, 1, 0},
+        {3, {2}, 31, 5, 1},         {3, {}, 48, 5, 0},        {5, {4}, 0, 0, 0},
+    };
+    for (const auto& c : cases) {
+        std::string data(c.size, 'd');
+        for (std::size_t i = 0; i < c.size; ++i)
+            data[i] = char('a' + i % 26);
+        MemoryNand nand(c.blocks * B, B);
+        nand.bad_blocks = c.bad;
+        EXPECT_EQ(LayOverGoodBlocks(nand, c.offset, data), c.fitted) << c.offset;
+        EXPECT_EQ(nand.Contents(), vxtest::GoodBlockLayout(data.substr(0, c.fitted), c.offset, c.blocks, B,
+                                                           c.bad, '\xFF'))
+            << c.offset;
+        if (c.offset != 0)
+            continue;
+        std::string image;
+        const std::string error = WhatOf([&] { image = MakePartitionImage(data, c.blocks * B, B, c.bad); });
+        EXPECT_EQ(error, c.fitted == c.size ? "no exception" : "partition data larger than its good blocks");
+        EXPECT_EQ(image, c.fitted == c.size ? vxtest::GoodBlockLayout(data, 0, c.blocks, B, c.bad, '\0') : "");
+    }
+}
+
+// The in-memory partition reads like the kernel's MTD device: one erase
+// block at most, fewer bytes at the end, EINVAL past it.
+TEST(PartitionLayoutTest, MemoryNandReadsLikeAnMtdDevice)
+{
+    MemoryNand nand(3 * 8, 8);
+    nand.Put(4, std::string(30, 'x')); // dropped past the end
+    std::string buffer(20, '-');
+    EXPECT_EQ(nand.Read(2, buffer.data(), 20), 8u);
+    EXPECT_EQ(buffer.substr(0, 8), "\xFF\xFFxxxxxx");
+    EXPECT_EQ(nand.Read(20, buffer.data(), 20) + nand.Read(24, buffer.data(), 20), 4u);
+    EXPECT_EQ(WhatOf([&] { nand.Read(25, buffer.data(), 1); }), "NandBlockAccess::Read: Invalid argument (errno 22)");
+    EXPECT_EQ(nand.reads, (MemoryNand::Reads{{2, 20}, {20, 20}, {24, 20}, {25, 1}}));
+    EXPECT_EQ(nand.Contents(), "\xFF\xFF\xFF\xFF" + std::string(20, 'x'));
+}
+
 TEST(NandAccessTest, EraseRangeLeavesBadBlocksAlone)
 {
-    FakeNand nand(4 * 8, 8);
-    nand.Poke(0, std::string(32, 'x'));
+    MemoryNand nand(4 * 8, 8);
+    nand.Put(0, std::string(32, 'x'));
     nand.bad_blocks = {1};        // the fake refuses to erase it
     nand.EraseRange(0, 2 * 8 + 1); // ends inside block 2, which is erased whole
     const std::string erased(8, '\xFF'), kept(8, 'x');
-    EXPECT_EQ(nand.data, erased + kept + erased + kept);
+    EXPECT_EQ(nand.Contents(), erased + kept + erased + kept);
 }
 
 } // namespace

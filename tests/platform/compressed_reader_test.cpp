@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "factory/partition_layout.h"
 #include "platform/maybe_compressed_nand_reader.h"
 #include "support/elf_images.h"
 
@@ -22,11 +23,12 @@ using Notes = std::vector<std::tuple<unsigned, std::string, std::string>>;
 
 // Blocks of the erase size, 8 KiB more than the data (and 16 or more),
 // block 1 bad, holding data from the start.
-std::shared_ptr<FakeNand> Partition(const std::string& data, std::size_t erase = 4096)
+std::shared_ptr<MemoryNand> Partition(const std::string& data, std::size_t erase = 4096)
 {
-    auto nand = std::make_shared<FakeNand>(std::max<std::size_t>(16, (data.size() + 8192) / erase + 2) * erase, erase);
+    const std::size_t blocks = std::max<std::size_t>(16, (data.size() + 8192) / erase + 2);
+    auto nand = std::make_shared<MemoryNand>(blocks * erase, erase);
     nand->bad_blocks = {1};
-    vxtest::LayOver(*nand, data);
+    LayOverGoodBlocks(*nand, 0, data);
     return nand;
 }
 
@@ -143,7 +145,7 @@ TEST(MaybeCompressedNandReader, PositionedReads)
     EXPECT_TRUE(read(gzip, 0, 2) && read(gzip, 9000, 100) && read(gzip, 9100, 100));
     EXPECT_EQ(vxtest::WhatOf([&] { gzip.Read(10, buffer, 1); }), "no random access: iostream error");
 
-    auto bad = std::make_shared<FakeNand>(2 * 4096, 4096);
+    auto bad = std::make_shared<MemoryNand>(2 * 4096, 4096);
     bad->bad_blocks = {0, 1};
     EXPECT_EQ(vxtest::WhatOf([&] { MaybeCompressedNandReader r(bad); }), "Seek beyond end of good NAND blocks");
 }
@@ -151,7 +153,7 @@ TEST(MaybeCompressedNandReader, PositionedReads)
 TEST(MaybeCompressedNandReaderDeathTest, WriteAndSeekFromTheEnd)
 {
     VXTEST_REQUIRE_ISOLATION();
-    MaybeCompressedNandReader::NandSource source(std::make_shared<FakeNand>(4096, 4096));
+    MaybeCompressedNandReader::NandSource source(std::make_shared<MemoryNand>(4096, 4096));
     const std::string report = ": false\nASSERT Executing lib/platform/maybe_compressed_nand_reader:";
     const auto logged = [](const std::string& text) {
         return vxtest::ReadFile(vxtest::KernelLogFile()).find(text) != std::string::npos;

@@ -1,6 +1,5 @@
-// ELF images for the note walk: executables built by the host's gcc and
-// Debian's AArch64 and 32-bit ARM cross compilers and listed by readelf, images written out from the ELF layout, gzip by the
-// gzip program, and laying an image over the good blocks of a FakeNand.
+// ELF images for the note walk: executables built by the host's gcc and Debian's AArch64 and
+// 32-bit ARM cross compilers and listed by readelf, images written out from the ELF layout, gzip.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +9,6 @@
 #include <utility>
 #include <vector>
 
-#include "support/fake_nand.h"
 #include "support/oracles.h"
 #include "support/programs.h"
 
@@ -64,18 +62,6 @@ inline std::vector<std::pair<std::string, std::string>> ReadelfNotes(const std::
 inline std::string Gzip(const std::string& data, const std::string& level)
 {
     return Run("/usr/bin/gzip", {level, "-c", "-n"}, data).out;
-}
-
-// Writes data over the good blocks of nand from its start.
-inline void LayOver(FakeNand& nand, const std::string& data)
-{
-    const std::size_t e = nand.GetEraseSize();
-    for (std::size_t block = 0, done = 0; done < data.size(); ++block) {
-        if (!nand.bad_blocks.count(block)) {
-            nand.Poke(block * e, data.substr(done, e));
-            done += e;
-        }
-    }
 }
 
 inline std::string Le64(std::uint64_t v) { return Le32(std::uint32_t(v)) + Le32(std::uint32_t(v >> 32)); }

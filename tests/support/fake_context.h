@@ -9,11 +9,12 @@
 #include <memory>
 #include <stdexcept>
 
+#include "factory/partition_layout.h"
+#include "hardware/bootloader_environment.h"
 #include "hardware/context.h"
 #include "platform/posix_helpers.h"
 #include "support/fake_clock.h"
 #include "support/fake_event_device.h"
-#include "support/fake_nand.h"
 #include "support/programs.h"
 
 namespace vxtest_detail {
@@ -25,7 +26,8 @@ struct ScratchRoot {
 
 class FakeContext : private vxtest_detail::ScratchRoot, public Context {
 public:
-    FakeContext() : Context(corvid::RootDir(dir.Path())) {}
+    // A new unit: its boot-loader environment is loaded afresh.
+    FakeContext() : Context(corvid::RootDir(dir.Path())) { ForgetBootloaderEnvironment(); }
 
     // Writes a file at a live path ("/proc/meminfo").
     std::string WriteFile(const std::string& live_path, const std::string& content)
@@ -35,9 +37,9 @@ public:
     }
 
     // A partition to open; other names fail as a missing /proc/mtd row does.
-    std::shared_ptr<FakeNand> AddPartition(const std::string& name, std::size_t size, std::size_t erase_size)
+    std::shared_ptr<MemoryNand> AddPartition(const std::string& name, std::size_t size, std::size_t erase_size)
     {
-        return m_partitions[name] = std::make_shared<FakeNand>(size, erase_size);
+        return m_partitions[name] = std::make_shared<MemoryNand>(size, erase_size);
     }
     NandAccess::Pointer OpenPartition(const std::string& name) override
     {
@@ -64,7 +66,7 @@ public:
     FakeGpioBoard& GpioBoard() { return m_gpio; }
 
 private:
-    std::map<std::string, std::shared_ptr<FakeNand>> m_partitions;
+    std::map<std::string, std::shared_ptr<MemoryNand>> m_partitions;
     FakeClock m_clock;
     FakeGpioBoard m_gpio;
 };

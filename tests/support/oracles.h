@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <exception>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -41,6 +42,43 @@ inline std::string EnvironmentBlock(const std::vector<std::string>& texts, std::
     block.resize(size, '\xFF');
     return block;
 }
+
+// A partition's bytes in physical order after data was laid over its good
+// blocks from a logical offset on: the logical bytes (erased before the
+// offset and after the data) cut into erase blocks, one for each good block
+// in turn; bad blocks keep bad_fill.
+inline std::string GoodBlockLayout(const std::string& data, std::size_t offset, std::size_t blocks,
+                                   std::size_t erase_size, const std::set<std::size_t>& bad, char bad_fill)
+{
+    std::string logical = std::string(offset, '\xFF') + data, physical;
+    logical.resize(blocks * erase_size, '\xFF');
+    for (std::size_t block = 0, good = 0; block < blocks; ++block)
+        physical += bad.count(block) ? std::string(erase_size, bad_fill)
+                                     : logical.substr(erase_size * good++, erase_size);
+    return physical;
+}
+
+// The documented capabilities of the hardware bitfield, written out here
+// rather than read from the program's table: a bit's mask, the name vxtool
+// prints for it, and the blessing that changes it (set, then clear).
+struct CapabilityOracle { std::uint64_t mask; const char* printed; const char* blessing; std::uint64_t set, clear; };
+inline constexpr CapabilityOracle CAPABILITY_ORACLE[] = {
+    {0x1, "hdmi", "disable-hdmi", 0, 0xE00000000001}, {0x10, "ethernet", nullptr, 0, 0},
+    {0x100, "gpio-connector", "disable-gpio-connector", 0, 0x100},
+    {0x10000, "ir-blaster", "disable-ir-blaster", 0, 0x10000}, {0x30000000, "eac3", "eac3", 0x30000000, 0},
+    {0x100000000, "srb-configured", nullptr, 0, 0},
+    {0x1000000000, "internal-storage-only", "internal-storage-only", 0x1000000000, 0},
+    {0x2000000000, "no-packet-capture", "disable-packet-capture", 0x2000000000, 0},
+    {0x4000000000, "no-vxn-cloud", "disable-vxn-cloud", 0x4000000000, 0},
+    {0x8000000000, "vxear", "vxear", 0x8000000000, 0},
+    {0x10000000000, "no-lldp-reporting", "disable-lldp-reporting", 0x10000000000, 0},
+    {0x20000000000, "no-usb-networking", "disable-usb-networking", 0x20000000000, 0},
+    {0x80000000000, "blessings-applied", nullptr, 0, 0},
+    {0x100000000000, "no-usb-storage", "disable-usb-storage", 0x100000000000, 0},
+    {0xE00000000000, "hdmi-outputs", nullptr, 0, 0},
+    {0x4000000000000, "clock-boost", "enable-clock-boost", 0x4000000000000, 0},
+    {0x8000000000000, "eth1", "disable-eth1-interface", 0, 0x8000000000000},
+    {0x20000000000000, "dws", "enable-dws", 0x20000000000000, 0}};
 
 inline std::string FromHex(const std::string& hex)
 {

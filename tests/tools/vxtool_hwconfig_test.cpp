@@ -3,6 +3,8 @@
 #include <string>
 #include <vector>
 
+#include <fmt/format.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "support/oracles.h"
@@ -37,6 +39,19 @@ TEST(VxtoolHwconfig, DerivesTheConfigurationFromImages)
               "bit 0x10 ethernet\nbit 0x100 gpio-connector\nbit 0x100000000 srb-configured\n"
               "bit 0x8000000000 vxear\nbit 0x80000000000 blessings-applied\n"
               "Hardware bitfield: before: 0x80100000111 after: 0x88100000110 blessings enumeration\n");
+
+    // Every named bit, as the documentation names it: a signed record
+    // without VX_HWFLAGS (all ones) and no blessings.
+    const std::string all = run({"sign-srb", "--key", vxtest::TestPrivateKey("srb-1"), "--secure-id", id},
+                                "VX_FORMAT=1\n").substr(2);
+    ASSERT_EQ(run({"mkenv", "--erase-size", "16384", "-o", env}, all), "0 ");
+    const std::string erased = dir.WriteFile("erased.img", std::string(4 * 16384, '\xFF'));
+    std::string lines;
+    for (const vxtest::CapabilityOracle& row : vxtest::CAPABILITY_ORACLE)
+        lines += fmt::format("bit 0x{:x} {}\n", row.mask, row.printed);
+    EXPECT_THAT(run({"hwconfig", "--env-image", env, "--env-erase-size", "16384", "--devdata-image", erased,
+                     "--devdata-erase-size", "16384", "--boardid", boardid}),
+                testing::EndsWith("hardware-bitfield: 0xffffffffffffffff\n" + lines));
 }
 
 } // namespace

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "factory/partition_layout.h"
 #include "support/elf_images.h"
 
 namespace {
@@ -24,13 +25,13 @@ struct SavedPlayer {
     explicit SavedPlayer(const std::string& format = "1", const std::string& revision = "7",
                          const std::string& boardid = BOARD, std::string devdata = {})
     {
-        FakeNand bolt(80 * E, E), rescue(4 * E, E);
+        MemoryNand bolt(80 * E, E), rescue(4 * E, E);
         std::string logical(79 * E, '\xFF');
         logical.replace(0xD068, 8, vxtest::Le32(0) + vxtest::Le32(E));
         logical.replace(E + 0xFFC00, 14, std::string("version=7.1.0", 14));
-        vxtest::LayOver(bolt, logical);
+        LayOverGoodBlocks(bolt, 0, logical);
         const auto kernel = vxtest::GccElf(vxtest::NoteAsm("veltrix", "5.0.2", 1), vxtest::ELF_COMPILERS[2]);
-        vxtest::LayOver(rescue, vxtest::Gzip(kernel, "-9"));
+        LayOverGoodBlocks(rescue, 0, vxtest::Gzip(kernel, "-9"));
         // /sys: the SSD line (high, an input) and the interface's directory.
         std::filesystem::create_directories(dir.Path() + "/sys/class/net/eth0");
         std::filesystem::create_directories(dir.Path() + "/sys/class/gpio/gpio64");
@@ -50,8 +51,8 @@ struct SavedPlayer {
                                                               E)),
                 "--env-erase-size", "16384",
                 "--devdata-image", dir.WriteFile("devdata", devdata.append(4 * E - devdata.size(), '\xFF')),
-                "--devdata-erase-size", "16384", "--bolt-image", dir.WriteFile("bolt", bolt.data),
-                "--bolt-erase-size", "16384", "--rescue-image", dir.WriteFile("rescue", rescue.data),
+                "--devdata-erase-size", "16384", "--bolt-image", dir.WriteFile("bolt", bolt.Contents()),
+                "--bolt-erase-size", "16384", "--rescue-image", dir.WriteFile("rescue", rescue.Contents()),
                 "--rescue-erase-size", "16384", "--boardid",
                 dir.WriteFile("boardid", boardid), "--meminfo",
                 dir.WriteFile("meminfo", "MemTotal: 1000000 kB\n"), "--version-file",

@@ -115,6 +115,41 @@ TEST(VxtoolDevdata, BuildsAndListsImages)
               "1:error: " + file + ": chunk at offset 0 failed integrity check\n");
 }
 
+// One grammar for every partition: its prefixed options in every command
+// that reads it, and for a command's own partition the unprefixed spelling
+// that scripts have used all along; both at once are refused.
+TEST(VxtoolSources, EveryPartitionByItsPrefixAndTheOwnOneAlsoWithout)
+{
+    vxtest::TempDir dir;
+    const std::string env = dir.WriteFile("env", std::string(16384, '\0') + vxtest::EnvironmentBlock({"A=1"}, 16384));
+    std::string data = "VXDD" + Le32(0) + Sha1sumChunk("TAG_", "x");
+    const std::string devid = dir.WriteFile("devid", data.append(32768 - data.size(), '\xFF'));
+    const Args env_image = {"--erase-size", "16384", "--bad-blocks", "0", "--image", env};
+    const Args devid_image = {"--image", devid, "--erase-size", "16384"};
+    const auto prefixed = [](const std::string& prefix, Args args) {
+        for (std::string& arg : args)
+            arg = arg.rfind("--", 0) == 0 ? "--" + prefix + "-" + arg.substr(2) : arg;
+        return args;
+    };
+    const struct { Args command, own; const char* prefix; std::string expected; } cases[] = {
+        {{"env"}, env_image, "env", "0:A=1\n"},
+        {{"srb", "--secure-id", "x"}, env_image, "env", "1:invalid: SRB signature not found\n"},
+        {{"devdata"}, devid_image, "devdata", "0:TAG_\t1\tok\n"},
+        {{"blessings", "--serial", "S", "--secure-id", "x"}, devid_image, "devdata", "0:"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(Vxtool(c.command + c.own), c.expected) << c.command[0];
+        EXPECT_EQ(Vxtool(c.command + prefixed(c.prefix, c.own)), c.expected) << c.command[0];
+        EXPECT_THAT(Vxtool(c.command + c.own + prefixed(c.prefix, {"--mtd", "x"})),
+                    UsageError(c.command[0], std::string("--mtd, --image ... and --") + c.prefix + "-mtd, --" +
+                                                 c.prefix + "-image ... name the same partition"));
+        // Messages name the options as they were spelled.
+        EXPECT_THAT(Vxtool(c.command + prefixed(c.prefix, {"--image", "f"})),
+                    UsageError(c.command[0], std::string("--") + c.prefix + "-image needs --" + c.prefix +
+                                                 "-erase-size"));
+    }
+}
+
 const std::string ID = "a1b2c3d4e5f60718";
 
 TEST(VxtoolIdentity, SignedRecordsAndTheOptionsThatNameTheDevice)

@@ -4,6 +4,7 @@
 #include "command.h"
 #include "hardware/blessings.h"
 #include "hardware/bootloader_environment.h"
+#include "hardware/context.h"
 #include "hardware/vx_device_data.h"
 #include "identity_options.h"
 #include "source.h"
@@ -11,36 +12,32 @@
 namespace vxtool {
 namespace {
 
-constexpr const char* USAGE =
-    "[--mtd NAME | --image FILE --erase-size BYTES ...] [--secure-id ID | --boardid FILE] "
-    "[--serial SERIAL | --env-mtd NAME | --env-image FILE --env-erase-size BYTES ...]";
-
 // One line per granted name: the name, a tab and the record's parameter.
 // Skipped records are reported on standard error by the library; a partition
 // whose blessing records are all refused is an error (exit 1). The serial
 // number is --serial, or VX_SERIAL of the environment: from --env-mtd or
 // --env-image, or, when the device data comes from the live flash, from
 // flash0.nvram. With a device-data image and no environment source, --serial
-// is required.
+// is required. The device data's options may be spelled without the prefix
+// (--image ...).
 int Run(const Arguments& arguments)
 {
     Arguments args = arguments;
-    const SourceOptions source = TakeSourceOptions(args, DEVICE_DATA_PARTITION);
+    const PartitionOptions partitions(args, {DEVICE_DATA, ENVIRONMENT}, &DEVICE_DATA);
     const std::string secure_id = TakeSecureId(args);
     std::string serial;
     const bool have_serial = TakeOption(args, "--serial", serial);
-    const SourceOptions env_source = TakeSourceOptions(args, BOOTLOADER_ENVIRONMENT_PARTITION, "env-");
     ExpectNoMoreArguments(args);
-    if (have_serial && env_source.given)
+    if (have_serial && partitions.Named(ENVIRONMENT))
         throw UsageError("--serial and the --env-* options exclude each other");
-    if (!have_serial && !env_source.given && !source.image.empty())
+    if (!have_serial && !partitions.Named(ENVIRONMENT) && partitions.FromImage(DEVICE_DATA))
         throw UsageError("with --image, give --serial or an --env-image");
+    partitions.Use();
 
-    if (!have_serial) {
-        const BootloaderEnvironment environment = LoadBootloaderEnvironment(*OpenSource(env_source));
-        serial = environment.Get("VX_SERIAL");
-    }
-    const VeltrixDeviceDataStorageNand storage(OpenSource(source));
+    Context& context = *Context::GetInstance();
+    if (!have_serial)
+        serial = LoadBootloaderEnvironment(*context.OpenPartition(ENVIRONMENT.name)).Serial();
+    const VeltrixDeviceDataStorageNand storage(context.OpenPartition(DEVICE_DATA.name));
     std::size_t granted = 0, records = 0;
     blessings::EnumerateBlessings(storage, secure_id, serial,
                                   [&granted](const std::string& name, const std::string& parameter) {
@@ -59,9 +56,11 @@ int Run(const Arguments& arguments)
     return 0;
 }
 
-const CommandRegistrar reg({"blessings", USAGE,
-                            "list the names granted by the valid blessings of the device data",
-                            &Run});
+const CommandRegistrar reg({"blessings",
+                            PartitionUsage(DEVICE_DATA) + " [--secure-id ID | --boardid FILE] " +
+                                PartitionUsage(ENVIRONMENT, "--serial SERIAL"),
+                            "list the names granted by the valid blessings of the device data", &Run,
+                            PARTITION_HELP});
 
 } // namespace
 } // namespace vxtool

@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include "command.h"
+#include "hardware/context.h"
 #include "hardware/vx_device_data.h"
 #include "source.h"
 
@@ -35,10 +36,11 @@ std::string PrintableTag(const std::string& tag)
 int Run(const Arguments& arguments)
 {
     Arguments args = arguments;
-    const NandAccess::Pointer nand = OpenSource(args, DEVICE_DATA_PARTITION);
+    const PartitionOptions partitions(args, {DEVICE_DATA}, &DEVICE_DATA);
     ExpectNoMoreArguments(args);
+    partitions.Use();
 
-    VeltrixDeviceDataStorageNand storage(nand);
+    VeltrixDeviceDataStorageNand storage(Context::GetInstance()->OpenPartition(DEVICE_DATA.name));
     std::string image, failure;
     try {
         image = storage.ReadImage();
@@ -71,9 +73,9 @@ int Run(const Arguments& arguments)
     return 0;
 }
 
-const CommandRegistrar reg({"devdata", SOURCE_USAGE,
-                            "list the chunks of the device-data partition with their integrity",
-                            &Run});
+const CommandRegistrar reg({"devdata", PartitionUsage(DEVICE_DATA),
+                            "list the chunks of the device-data partition with their integrity", &Run,
+                            PARTITION_HELP});
 
 } // namespace
 } // namespace vxtool

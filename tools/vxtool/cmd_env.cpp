@@ -3,6 +3,7 @@
 
 #include "command.h"
 #include "hardware/bootloader_environment.h"
+#include "hardware/context.h"
 #include "source.h"
 
 namespace vxtool {
@@ -11,20 +12,21 @@ namespace {
 int Run(const Arguments& arguments)
 {
     Arguments args = arguments;
-    const SourceOptions source = TakeSourceOptions(args, BOOTLOADER_ENVIRONMENT_PARTITION);
+    const PartitionOptions partitions(args, {ENVIRONMENT}, &ENVIRONMENT);
     ExpectNoMoreArguments(args);
+    partitions.Use();
 
     // Unlike the start-up check, a load failure is an error here, reported by
     // main as "error: <reason>" with exit status 1.
-    const NandAccess::Pointer nand = OpenSource(source);
-    const BootloaderEnvironment environment = LoadBootloaderEnvironment(*nand);
+    const BootloaderEnvironment environment =
+        LoadBootloaderEnvironment(*Context::GetInstance()->OpenPartition(ENVIRONMENT.name));
     for (const auto& [key, value] : environment.variables)
         fmt::print("{}={}\n", key, value);
     return 0;
 }
 
-const CommandRegistrar reg({"env", SOURCE_USAGE,
-                            "print the boot loader's environment as KEY=VALUE lines", &Run});
+const CommandRegistrar reg({"env", PartitionUsage(ENVIRONMENT),
+                            "print the boot loader's environment as KEY=VALUE lines", &Run, PARTITION_HELP});
 
 } // namespace
 } // namespace vxtool

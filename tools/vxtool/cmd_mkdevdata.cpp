@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 
 #include "command.h"
+#include "factory/partition_layout.h"
 #include "factory/records.h"
 #include "hardware/vx_device_data.h"
 #include "platform/binary_fields.h"
@@ -146,10 +147,7 @@ int Run(const Arguments& arguments)
 
     // Erased flash is 0xFF; bad blocks are filled with zeros, which the player
     // would take for corrupt data if it ever read them.
-    std::string partition(have_size ? size : needed, '\xFF');
-    for (const std::size_t block : bad_blocks)
-        std::fill_n(partition.begin() + block * erase_size, erase_size, '\0');
-    std::copy(image.begin(), image.end(), partition.begin() + first * erase_size);
+    const std::string partition = MakePartitionImage(image, have_size ? size : needed, erase_size, bad_blocks);
     corvid::WriteWholeFile(output, partition, 0644);
     return 0;
 }

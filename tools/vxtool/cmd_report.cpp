@@ -12,18 +12,11 @@
 #include "hardware/firmware_versions.h"
 #include "hardware/hardware_config.h"
 #include "hardware/vx_device_data.h"
-#include "identity_options.h"
+#include "source.h"
 #include "tool_context.h"
 
 namespace vxtool {
 namespace {
-
-constexpr const char* USAGE =
-    "[--env-mtd NAME | --env-image FILE --env-erase-size BYTES ...] "
-    "[--devdata-mtd NAME | --devdata-image FILE --devdata-erase-size BYTES ...] "
-    "[--bolt-mtd NAME | --bolt-image FILE --bolt-erase-size BYTES ...] "
-    "[--rescue-mtd NAME | --rescue-image FILE --rescue-erase-size BYTES ...] "
-    "[--boardid FILE] [--meminfo FILE] [--version-file FILE] [--mem FILE] [--sys DIR] [--eth0-address MAC]";
 
 corvid::HardwareAddress ParseAddress(const std::string& text)
 {
@@ -47,23 +40,27 @@ int Run(const Arguments& arguments)
     Arguments args = arguments;
     ToolContext& context = ToolContext::Get();
     std::string value;
-    TakeSavedPlayer(args,
-                    {SAVED_BOARD_ID, {"--meminfo", "/proc/meminfo"}, SAVED_VERSION_FILE, {"--mem", "/dev/mem"}},
-                    {SAVED_ENVIRONMENT, SAVED_DEVICE_DATA, SAVED_BOOTLOADER, SAVED_RESCUE_KERNEL});
+    const PartitionOptions partitions(args, {ENVIRONMENT, DEVICE_DATA, BOOTLOADER, RESCUE_KERNEL});
+    TakeSavedFiles(args, {SAVED_BOARD_ID, {"--meminfo", "/proc/meminfo"}, SAVED_VERSION_FILE, {"--mem", "/dev/mem"}});
     if (TakeOption(args, "--sys", value))
         context.UseTree("/sys", value);
     if (TakeOption(args, "--eth0-address", value))
         context.UseInterfaceAddress(ETHERNET_INTERFACE, ParseAddress(value));
     ExpectNoMoreArguments(args);
+    partitions.Use();
 
     const HardwareConfig config;
     return RunChecks([] { RunStartupPass([](const std::string& banner) { fmt::print("{}", banner); }); },
                      [](ErrorLedPattern pattern) { fmt::print("blink code {}\n", int(pattern)); });
 }
 
-const CommandRegistrar reg({"report", USAGE,
-                            "run the start-up check's pass and print its report, live or from saved data",
-                            &Run});
+const CommandRegistrar reg({"report",
+                            PartitionUsage(ENVIRONMENT) + " " + PartitionUsage(DEVICE_DATA) + " " +
+                                PartitionUsage(BOOTLOADER) + " " + PartitionUsage(RESCUE_KERNEL) +
+                                " [--boardid FILE] [--meminfo FILE] [--version-file FILE] [--mem FILE] [--sys DIR]"
+                                " [--eth0-address MAC]",
+                            "run the start-up check's pass and print its report, live or from saved data", &Run,
+                            PARTITION_HELP});
 
 } // namespace
 } // namespace vxtool

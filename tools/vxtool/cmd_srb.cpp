@@ -5,6 +5,7 @@
 
 #include "command.h"
 #include "hardware/bootloader_environment.h"
+#include "hardware/context.h"
 #include "hardware/srb.h"
 #include "identity_options.h"
 #include "source.h"
@@ -19,12 +20,13 @@ namespace {
 int Run(const Arguments& arguments)
 {
     Arguments args = arguments;
-    const SourceOptions source = TakeSourceOptions(args, BOOTLOADER_ENVIRONMENT_PARTITION);
+    const PartitionOptions partitions(args, {ENVIRONMENT}, &ENVIRONMENT);
     const std::string secure_id = TakeSecureId(args);
     ExpectNoMoreArguments(args);
+    partitions.Use();
 
-    const NandAccess::Pointer nand = OpenSource(source);
-    const BootloaderEnvironment environment = LoadBootloaderEnvironment(*nand);
+    const BootloaderEnvironment environment =
+        LoadBootloaderEnvironment(*Context::GetInstance()->OpenPartition(ENVIRONMENT.name));
     try {
         VerifySrb(environment.variables, secure_id);
     } catch (const std::runtime_error& e) {
@@ -32,7 +34,7 @@ int Run(const Arguments& arguments)
         return 1;
     }
     // The player reads the record only when VX_FORMAT is exactly "1".
-    if (environment.Get("VX_FORMAT") != "1") {
+    if (!environment.HasSrb()) {
         fmt::print("valid signature, but VX_FORMAT is not \"1\": the player treats this unit as having no SRB\n");
         return 1;
     }
@@ -40,11 +42,9 @@ int Run(const Arguments& arguments)
     return 0;
 }
 
-const CommandRegistrar reg({"srb",
-                            "[--mtd NAME | --image FILE --erase-size BYTES ...] "
-                            "[--secure-id ID | --boardid FILE]",
-                            "verify the signed manufacturing record (SRB) of the environment",
-                            &Run});
+const CommandRegistrar reg({"srb", PartitionUsage(ENVIRONMENT) + " [--secure-id ID | --boardid FILE]",
+                            "verify the signed manufacturing record (SRB) of the environment", &Run,
+                            PARTITION_HELP});
 
 } // namespace
 } // namespace vxtool

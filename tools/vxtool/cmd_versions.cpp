@@ -7,27 +7,20 @@
 #include "hardware/firmware_versions.h"
 #include "hardware/hardware_config.h"
 #include "hardware/vx_device_data.h"
-#include "identity_options.h"
-#include "tool_context.h"
+#include "source.h"
 
 namespace vxtool {
 namespace {
-
-constexpr const char* USAGE =
-    "[--bolt-mtd NAME | --bolt-image FILE --bolt-erase-size BYTES ...] "
-    "[--rescue-mtd NAME | --rescue-image FILE --rescue-erase-size BYTES ...] "
-    "[--env-mtd NAME | --env-image FILE --env-erase-size BYTES ...] "
-    "[--devdata-mtd NAME | --devdata-image FILE --devdata-erase-size BYTES ...] "
-    "[--boardid FILE] [--version-file FILE]";
 
 // Prints the five texts in the order the boot report gathers them; the
 // library's own messages go to standard error.
 int Run(const Arguments& arguments)
 {
     Arguments args = arguments;
-    TakeSavedPlayer(args, {SAVED_BOARD_ID, SAVED_VERSION_FILE},
-                    {SAVED_BOOTLOADER, SAVED_RESCUE_KERNEL, SAVED_ENVIRONMENT, SAVED_DEVICE_DATA});
+    const PartitionOptions partitions(args, {BOOTLOADER, RESCUE_KERNEL, ENVIRONMENT, DEVICE_DATA});
+    TakeSavedFiles(args, {SAVED_BOARD_ID, SAVED_VERSION_FILE});
     ExpectNoMoreArguments(args);
+    partitions.Use();
 
     // The boot-loader version comes from the hardware configuration, as in
     // the check.
@@ -42,8 +35,12 @@ int Run(const Arguments& arguments)
     return 0;
 }
 
-const CommandRegistrar reg({"versions", USAGE,
-                            "print the firmware versions and serial number, live or from images", &Run});
+const CommandRegistrar reg({"versions",
+                            PartitionUsage(BOOTLOADER) + " " + PartitionUsage(RESCUE_KERNEL) + " " +
+                                PartitionUsage(ENVIRONMENT) + " " + PartitionUsage(DEVICE_DATA) +
+                                " [--boardid FILE] [--version-file FILE]",
+                            "print the firmware versions and serial number, live or from images", &Run,
+                            PARTITION_HELP});
 
 } // namespace
 } // namespace vxtool

@@ -13,10 +13,12 @@ using Arguments = std::vector<std::string>;
 
 struct Command {
     const char* name;    // "env"
-    const char* usage;   // "[--mtd NAME | --image FILE --erase-size BYTES ...]"
+    std::string usage;   // "[--env-mtd NAME | --env-image FILE ...]"
     const char* summary; // one line for the command list
     // Runs with the arguments after the subcommand name; returns the exit status.
     int (*run)(const Arguments& args);
+    // More lines for "vxtool COMMAND --help", or nullptr.
+    const char* help = nullptr;
 };
 
 class CommandRegistrar {

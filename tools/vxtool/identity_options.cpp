@@ -5,8 +5,6 @@
 #include "hardware/board_id.h"
 #include "hardware/context.h"
 #include "platform/posix_helpers.h"
-#include "source.h"
-#include "tool_context.h"
 
 namespace vxtool {
 
@@ -37,25 +35,6 @@ void RequireReadableSecureId(const std::string& secure_id)
         secure_id.find_first_of(" \t\n\v\f\r") != std::string::npos)
         throw UsageError(fmt::format("--secure-id '{}': the player reads 1 to 64 characters without blanks",
                                      secure_id));
-}
-
-void TakePrefixedPartition(Arguments& args, const std::string& prefix, const std::string& name)
-{
-    const SourceOptions source = TakeSourceOptions(args, name, prefix + "-");
-    if (source.given)
-        ToolContext::Get().UsePartition(name, OpenSource(source));
-}
-
-void TakeSavedPlayer(Arguments& args, std::initializer_list<SavedFile> files,
-                     std::initializer_list<SavedPartition> partitions)
-{
-    std::string path;
-    for (const SavedFile& file : files) {
-        if (TakeOption(args, file.option, path))
-            ToolContext::Get().UseFile(file.live_path, path);
-    }
-    for (const SavedPartition& partition : partitions)
-        TakePrefixedPartition(args, partition.prefix, partition.name);
 }
 
 } // namespace vxtool

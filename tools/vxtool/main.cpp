@@ -107,7 +107,8 @@ int main(int argc, char** argv)
     const Command& command = found->second;
     Arguments args(argv + 2, argv + argc);
     if (args.size() == 1 && (args[0] == "--help" || args[0] == "-h")) {
-        fmt::print("usage: vxtool {} {}\n{}\n", command.name, command.usage, command.summary);
+        fmt::print("usage: vxtool {} {}\n{}\n{}", command.name, command.usage, command.summary,
+                   command.help ? command.help : "");
         return 0;
     }
     try {
