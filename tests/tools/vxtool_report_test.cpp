@@ -2,76 +2,118 @@
 // messages and status, the banner on standard output instead of /etc/issue,
 // and the blink code instead of the LED.
 #include <filesystem>
-#include <fstream>
+#include <functional>
 #include <string>
 #include <tuple>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
-#include "factory/partition_layout.h"
-#include "support/elf_images.h"
+#include "saved_player.h"
+#include "support/json_schema.h"
 
 namespace {
 
-constexpr std::size_t E = 16384;
-const std::string AVS = "<6>AVS Revision=1.2.3.4 V0=0.950V T0=-2.000C PV0=1.000V MV0=0.007V ";
-const std::string BOARD = "ID: 0x42\nBootloader-version: bolt-v3.9.1\n";
+const std::string VERSIONS = "<6>VELTRIX boot=v3.9.1 firstimages=7.1.0 rescue=5.0.2 mission=12.4.0 model=";
 
-struct SavedPlayer {
-    vxtest::TempDir dir;
-    std::vector<std::string> args;
-
-    // VX_FORMAT and VX_HWREV, /proc/boardid, and the start of the device data.
-    explicit SavedPlayer(const std::string& format = "1", const std::string& revision = "7",
-                         const std::string& boardid = BOARD, std::string devdata = {})
-    {
-        MemoryNand bolt(80 * E, E), rescue(4 * E, E);
-        std::string logical(79 * E, '\xFF');
-        logical.replace(0xD068, 8, vxtest::Le32(0) + vxtest::Le32(E));
-        logical.replace(E + 0xFFC00, 14, std::string("version=7.1.0", 14));
-        LayOverGoodBlocks(bolt, 0, logical);
-        const auto kernel = vxtest::GccElf(vxtest::NoteAsm("veltrix", "5.0.2", 1), vxtest::ELF_COMPILERS[2]);
-        LayOverGoodBlocks(rescue, 0, vxtest::Gzip(kernel, "-9"));
-        // /sys: the SSD line (high, an input) and the interface's directory.
-        std::filesystem::create_directories(dir.Path() + "/sys/class/net/eth0");
-        std::filesystem::create_directories(dir.Path() + "/sys/class/gpio/gpio64");
-        dir.WriteFile("sys/class/gpio/gpio64/value", "1\n");
-        dir.WriteFile("sys/class/gpio/gpio64/direction", "in\n");
-        // /dev/mem: the AVS block at 0x08144000, 18 words: V0 (2), T0 (3, signed),
-        // PV0 (4), MV0 (5) in thousandths, the revision (10).
-        std::string avs;
-        for (const std::uint32_t w : {0u, 0u, 950u, 0xFFFFF830u, 1000u, 7u, 0u, 0u, 0u, 0u, 0x01020304u})
-            avs += vxtest::Le32(w);
-        avs.resize(72, '\0');
-        std::ofstream(dir.WriteFile("mem", ""), std::ios::binary).seekp(0x08144000) << avs;
-        std::filesystem::resize_file(dir.Path() + "/mem", 0x0A300000);
-        args = {"report", "--env-image",
-                dir.WriteFile("env", vxtest::EnvironmentBlock({"VX_FORMAT=" + format, "VX_HWREV=" + revision,
-                                                               "VX_SERIAL=PX9", "VX_HWFLAGS=0x11", "VX_OEM_MODEL=Wall"},
-                                                              E)),
-                "--env-erase-size", "16384",
-                "--devdata-image", dir.WriteFile("devdata", devdata.append(4 * E - devdata.size(), '\xFF')),
-                "--devdata-erase-size", "16384", "--bolt-image", dir.WriteFile("bolt", bolt.Contents()),
-                "--bolt-erase-size", "16384", "--rescue-image", dir.WriteFile("rescue", rescue.Contents()),
-                "--rescue-erase-size", "16384", "--boardid",
-                dir.WriteFile("boardid", boardid), "--meminfo",
-                dir.WriteFile("meminfo", "MemTotal: 1000000 kB\n"), "--version-file",
-                dir.WriteFile("version", "12.4.0\n"), "--mem", dir.Path() + "/mem", "--sys", dir.Path() + "/sys",
-                "--eth0-address", "02:00:00:00:00:01"};
-    }
-};
-
-TEST(VxtoolReport, TheChecksPassOnSavedData)
+// Each verdict that the report can show, in its text form and as its JSON
+// answer (valid against the schema), with the same exit status: the
+// healthy unit, a warning that does not stop the pass, and each failure row.
+TEST(VxtoolReport, EveryVerdictInTextAndAsJson)
 {
-    SavedPlayer player;
-    const vxtest::RunResult r = vxtest::Vxtool(player.args);
-    EXPECT_EQ(std::to_string(r.exit_status) + r.out, "0Veltrix Wall PX9 v12.4.0\r\n\n"); // the summary: below
+    VXTEST_REQUIRE_TEST_KEYS();
+    const auto write = [](const char* file, const char* text) {
+        return [=](SavedPlayer& p) { p.dir.WriteFile(file, text); };
+    };
+    const auto remove = [](const char* path) {
+        return [=](SavedPlayer& p) { std::filesystem::remove(p.dir.Path() + "/" + path); };
+    };
+    const struct {
+        const char* format;
+        std::string devdata;
+        std::function<void(SavedPlayer&)> change;
+        int status;
+        std::string err, out; // the text form; "@" in err stands for the scratch directory
+        const char* error;    // the JSON verdict's error (nullptr: null)
+    } rows[] = {
+        {"1", BlessedDeviceData(), nullptr, 0,
+         "Hardware bitfield: before: 0x80100000011 after: 0x88130000011 blessings enumeration\n" + VERSIONS +
+             "Wall REVG serial=PX9 hw=11 sk=0 sb=0 bl=eac3,vxear\n" + AVS,
+         "Veltrix Wall PX9 v12.4.0\r\n\n", nullptr},
+        {"1 ", "", write("sys/class/gpio/gpio64/value", "0\n"), 0,
+         "SRB not valid. Please run manufacturing test.\n<3>Incompatible SSD detected. This player only supports "
+         "NVMe/PCIe SSDs.SRB IS NOT SET. RUN MANUFACTURING TEST." + VERSIONS + " NO-SRB serial= hw=11 sk=0 sb=0\n" + AVS,
+         "Veltrix   v12.4.0\r\n\n", nullptr},
+        {"1", "", [](SavedPlayer& p) { p.args.back() = "ff:ff:ff:ff:ff:ff"; }, 1,
+         "ERROR: Ethernet interface has invalid MAC address\n", "blink code 7\n",
+         "Ethernet interface has invalid MAC address"},
+        {"1", "", remove("sys/class/net/eth0"), 1, "ERROR: Ethernet device not found\n", "blink code 7\n",
+         "Ethernet device not found"},
+        {"1", "", write("meminfo", "MemTotal: 204799 kB\n"), 1,
+         "Insufficient memory detected: 204799KB.\nERROR: Insufficient memory detected\n", "blink code 2\n",
+         "Insufficient memory detected"},
+        {"1", "", write("meminfo", "MemFree: 1 kB\n"), 1, "ERROR: Can't determine memory configuration\n",
+         "blink code 2\n", "Can't determine memory configuration"},
+        {"1", "", remove("version"), 2, "ERROR: @/version: No such file or directory (errno 2)\n", "blink code 2\n",
+         "@/version: No such file or directory (errno 2)"},
+        {"1", "VXDX", nullptr, 2,
+         "Failed to enumerate blessings: Veltrix device data is corrupt\nERROR: Veltrix device data is corrupt\n",
+         "blink code 2\n", "Veltrix device data is corrupt"},
+        {"1", "", remove("mem"), 2,
+         VERSIONS + "Wall REVG serial=PX9 hw=11 sk=0 sb=0\nERROR: @/mem: No such file or directory (errno 2)\n",
+         "blink code 2\n", "@/mem: No such file or directory (errno 2)"},
+    };
+    for (const auto& row : rows) {
+        SavedPlayer player(row.format, "7", BOARD + "Secure-ID: " + SECURE_ID + "\n", row.devdata);
+        if (row.change)
+            row.change(player);
+        const auto here = [&player](std::string text) {
+            for (std::size_t at; (at = text.find('@')) != std::string::npos;)
+                text.replace(at, 1, player.dir.Path());
+            return text;
+        };
+        const vxtest::RunResult text = vxtest::Vxtool(player.args);
+        EXPECT_EQ(std::to_string(text.exit_status) + text.err + text.out,
+                  std::to_string(row.status) + here(row.err) + row.out);
 
-    player.args.back() = "ff:ff:ff:ff:ff:ff";
-    const vxtest::RunResult broadcast = vxtest::Vxtool(player.args);
-    EXPECT_EQ(broadcast.exit_status, 1);
-    EXPECT_EQ(broadcast.err, "ERROR: Ethernet interface has invalid MAC address\n");
-    EXPECT_EQ(broadcast.out, "blink code 7\n");
+        player.args.push_back("--json");
+        const vxtest::RunResult json = vxtest::Vxtool(player.args);
+        EXPECT_EQ(json.exit_status, row.status) << json.out;
+        EXPECT_EQ(vxtest::JsonSchemaErrors("report", json.out), "") << json.out;
+        const auto answer = nlohmann::json::parse(json.out);
+        const nlohmann::json verdict = {{"exit_status", row.status},
+                                        {"blink_code", row.status ? nlohmann::json(row.out[11] - '0') : nullptr},
+                                        {"error", row.error ? nlohmann::json(here(row.error)) : nullptr}};
+        EXPECT_EQ(answer["verdict"], verdict) << json.out;
+        // What the check prints beside the summary, the AVS line and the
+        // ERROR line are the warnings, one per message.
+        std::string warnings;
+        for (const auto& warning : answer["warnings"])
+            warnings += warning.get<std::string>() + "|";
+        EXPECT_EQ(answer["summary"].is_null(), text.err.find("<6>VELTRIX") == std::string::npos);
+        EXPECT_EQ(answer["banner"], row.status ? nlohmann::json(nullptr) : nlohmann::json(row.out));
+        if (row.status == 0 && row.devdata.empty()) {
+            EXPECT_EQ(warnings, "SRB not valid. Please run manufacturing test.|<3>Incompatible SSD detected. This "
+                                "player only supports NVMe/PCIe SSDs.|SRB IS NOT SET. RUN MANUFACTURING TEST.|");
+        }
+    }
+}
+
+// The healthy unit's report in full: the summary's fields, the AVS values.
+TEST(VxtoolReport, TheJsonSummaryHoldsEveryFieldOfTheLine)
+{
+    VXTEST_REQUIRE_TEST_KEYS();
+    SavedPlayer player("1", "7", BOARD + "Secure-keys: 1\nSecure-ID: " + SECURE_ID + "\n", BlessedDeviceData());
+    player.args.push_back("--json");
+    const auto answer = nlohmann::json::parse(vxtest::Vxtool(player.args).out);
+    EXPECT_EQ(answer["summary"], nlohmann::json::parse(R"({"bootloader": "v3.9.1", "first_images": "7.1.0",
+        "rescue_kernel": "5.0.2", "operating_system": "12.4.0", "model": "Wall", "revision": "REVG",
+        "serial": "PX9", "hardware_flags": 17, "hardware_flags_hex": "0x11", "secure_keys": true,
+        "secure_boot": false, "blessings": ["eac3", "vxear"]})"));
+    EXPECT_EQ(answer["avs"], nlohmann::json::parse(R"({"revision": "1.2.3.4", "v0": 0.95, "t0": -2.0,
+        "pv0": 1.0, "mv0": 0.007})"));
+    EXPECT_EQ(answer["warnings"], nlohmann::json::parse(
+        R"(["Hardware bitfield: before: 0x80100000011 after: 0x88130000011 blessings enumeration"])"));
 }
 
 // The revision label, the two flags from their own keys of /proc/boardid, and
@@ -79,11 +121,9 @@ TEST(VxtoolReport, TheChecksPassOnSavedData)
 TEST(VxtoolReport, SummaryLabelFlagsAndBlessingSuffix)
 {
     VXTEST_REQUIRE_TEST_KEYS();
-    const std::string id = "5ec1d0000000c0de";
-    const std::string versions = "<6>VELTRIX boot=v3.9.1 firstimages=7.1.0 rescue=5.0.2 mission=12.4.0 model=";
-    const std::string blessed = "VXDD" + vxtest::Le32(0) +
-                                vxtest::Sha1sumChunk("BLES", vxtest::OpensslBlessingPayload(
-                                                                 "blessing-1", "BLES", "eac3:vxear", "", id, "PX9"));
+    const std::string id = SECURE_ID;
+    const std::string& versions = VERSIONS;
+    const std::string blessed = BlessedDeviceData(id);
     const std::tuple<std::string, std::string, std::string, std::string, std::string> cases[] = {
         {"1", "7", BOARD, "", versions + "Wall REVG serial=PX9 hw=11 sk=0 sb=0\n"},
         {"1 ", "7", BOARD + "Secure-boot: 1\n", "",

@@ -30,7 +30,7 @@ Args operator+(Args args, const Args& more)
 
 auto UsageError(const std::string& command, const std::string& message)
 {
-    return testing::StartsWith("2:vxtool " + command + ": " + message + "\nusage: ");
+    return testing::StartsWith("2:error: " + message + "\nusage: vxtool " + command + " ");
 }
 
 TEST(VxtoolEnv, PrintsTheEnvironmentOfTheFirstGoodBlockAndRefusesBadUsage)
@@ -58,12 +58,52 @@ TEST(VxtoolEnv, PrintsTheEnvironmentOfTheFirstGoodBlockAndRefusesBadUsage)
     for (const Args& args : {Args{"env", "--image", image}, Args{"env", e, "4096"},
                              Args{"env", "--image", image, e, "0"}, good + Args{"--bad-blocks", "1,,2"},
                              good + Args{"--write-size", "3000"}, good + Args{"--mtd", "x"},
-                             good + Args{"extra"}, Args{"mkenv", e, "4096"}, Args{"mkenv", "-o", out}})
+                             good + Args{"--extra"}, Args{"mkenv", e, "4096"}, Args{"mkenv", "-o", out}})
         EXPECT_EQ(vxtest::Vxtool(args).exit_status, 2) << args.back();
     // The live table is named when it cannot be read (a machine without MTD).
     if (access("/proc/mtd", F_OK) != 0) {
         EXPECT_EQ(Vxtool({"env"}), "1:error: /proc/mtd: No such file or directory (errno 2)\n");
     }
+}
+
+// What a new user meets: an environment with nothing in it said to be so,
+// single values, usage errors before anything is read, one prefix for every
+// error, no file named "-", sources that do not mix silently, help and the
+// version. Each with its exit status.
+TEST(VxtoolAnswers, EachOutcomeHasItsStatusAndSaysWhy)
+{
+    vxtest::TempDir dir;
+    const std::string block = vxtest::EnvironmentBlock({"VX_SERIAL=S1", "A=1"}, 4096);
+    const Args env = {"env", "--erase-size", "4096", "--image", dir.WriteFile("env", block)};
+    const Args zeroed = {"env", "--erase-size", "4096", "--image", dir.WriteFile("zero", std::string(8192, '\0'))};
+    const Args erased = {"env", "--erase-size", "4096", "--image", dir.WriteFile("ff", std::string(8192, '\xFF'))};
+    using testing::StartsWith;
+    const struct {
+        Args args;
+        testing::Matcher<std::string> expected;
+    } cases[] = {
+        {zeroed, "3:error: no variables: the block at offset 0 is all zeros (a wrong image, erase size or bad-block "
+                 "list?)\n"},
+        {erased + Args{"--bad-blocks", "0"}, "3:error: no variables: the block at offset 4096 is erased (it begins "
+                                             "with 0xff)\n"},
+        {env + Args{"VX_SERIAL", "NOPE", "A"}, "3:VX_SERIAL=S1\nA=1\nerror: NOPE is not defined\n"},
+        {env + Args{"-n", "VX_SERIAL"}, "0:S1\n"},
+        {env + Args{"-n", "A", "VX_SERIAL"}, UsageError("env", "-n prints the value of one variable: give one NAME")},
+        {env + Args{"--erase"}, UsageError("env", "unknown option '--erase'")},
+        {{"registry", "get"}, UsageError("registry", "missing SECTION")},
+        {{"report", "--env-image", "x", "--env-erase-size", "4096"},
+         UsageError("report", "--env-image given, but not --devdata-image, --bolt-image, --rescue-image, --boardid, "
+                              "--meminfo, --version-file, --mem, --sys, --eth0-address: give them too, or "
+                              "--live-others to read those from this machine")},
+        {{"mkenv", "--erase-size", "4096", "-o", "-"}, "0:" + block},
+        {{"help", "env"}, StartsWith("0:usage: vxtool env [--env-mtd NAME | --env-image FILE ...] [-n] [NAME...] "
+                                     "[--json]\n")},
+        {{"help", "nope"}, StartsWith("2:error: unknown command 'nope'\nusage: vxtool COMMAND")},
+        {{"--version"}, testing::MatchesRegex("0:vxtool [0-9]+\\.[0-9]+\n")},
+    };
+    for (const auto& c : cases)
+        EXPECT_THAT(Vxtool(c.args, "VX_SERIAL=S1\nA=1\n"), c.expected) << c.args.back();
+    EXPECT_NE(access("-", F_OK), 0);
 }
 
 TEST(VxtoolDevdata, BuildsAndListsImages)
@@ -169,7 +209,9 @@ TEST(VxtoolIdentity, SignedRecordsAndTheOptionsThatNameTheDevice)
     EXPECT_EQ(Vxtool(srb + Args{"--boardid", boardid}), "0:valid\n");
     EXPECT_EQ(Vxtool(srb + Args{"--boardid", dir.Path() + "/absent"}),
               "1:error: " + dir.Path() + "/absent: No such file or directory (errno 2)\n");
-    EXPECT_EQ(Vxtool(srb + Args{"--boardid", dir.WriteFile("no-id", "ID: 0x1\n")}), "1:invalid: No secure ID\n");
+    const std::string no_id = dir.WriteFile("no-id", "ID: 0x1\n");
+    EXPECT_EQ(Vxtool(srb + Args{"--boardid", no_id}),
+              "1:invalid: No secure ID (no \"Secure-ID:\" line in " + no_id + ")\n");
     // A record the player ignores: signed, but VX_FORMAT is not "1".
     const std::string unformatted = dir.Path() + "/unformatted.img";
     const std::string signed_lines = Vxtool({"sign-srb", "--key", TestPrivateKey("srb-1"), "--secure-id", ID},
