@@ -60,4 +60,20 @@ TEST(VxtoolDocs, TheReadmeAndTheManualPageShowEveryCommandAsItsUsageDoes)
     }
 }
 
+// The README's factory example is the script that the simulated player's
+// factory-example scenario runs, word for word.
+TEST(VxtoolDocs, TheReadmesFactoryExampleIsTheScenarioThatRunsIt)
+{
+    const std::string scenario = vxtest::ReadFile(VX_SOURCE_DIR "/sim/scenarios/factory-example.toml");
+    const std::string open = "\"-c\", '''\n";
+    const std::size_t start = scenario.find(open), end = scenario.find("''']", start);
+    ASSERT_NE(end, std::string::npos);
+    std::istringstream script(scenario.substr(start + open.size(), end - start - open.size()));
+    std::string indented;
+    for (std::string line; std::getline(script, line);)
+        indented += (line.empty() ? "" : "    ") + line + "\n";
+    EXPECT_NE(vxtest::ReadFile(VX_SOURCE_DIR "/README.md").find("\n\n" + indented + "\n"), std::string::npos)
+        << indented;
+}
+
 } // namespace
