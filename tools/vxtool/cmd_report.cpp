@@ -5,9 +5,8 @@
 #include <string>
 #include <vector>
 
-#include <fmt/ranges.h>
-
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include "check/driver.h"
 #include "check/startup_pass.h"

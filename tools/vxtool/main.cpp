@@ -1,13 +1,13 @@
 // vxtool: the field engineer's and the factory's tool for the player's flash
 // contents and identity records.
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <map>
 #include <string>
-
-#include <unistd.h>
 
 #include <fmt/format.h>
 
