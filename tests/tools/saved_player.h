@@ -4,6 +4,7 @@
 // eth0's address), as the options of vxtool report name them.
 #pragma once
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -19,6 +20,8 @@ constexpr std::size_t E = 16384;
 const std::string AVS = "<6>AVS Revision=1.2.3.4 V0=0.950V T0=-2.000C PV0=1.000V MV0=0.007V ";
 const std::string BOARD = "ID: 0x42\nBootloader-version: bolt-v3.9.1\n";
 const std::string SECURE_ID = "5ec1d0000000c0de";
+// What the check says of the blessings of BlessedDeviceData() on a unit with VX_HWFLAGS=0x11.
+const std::string ENUMERATED = "Hardware bitfield: before: 0x80100000011 after: 0x88130000011 blessings enumeration";
 
 // The start of a device-data partition with one blessing for SECURE_ID and
 // serial PX9 that grants eac3 and vxear, made with openssl.
@@ -50,12 +53,15 @@ struct SavedPlayer {
         dir.WriteFile("sys/class/gpio/gpio64/value", "1\n");
         dir.WriteFile("sys/class/gpio/gpio64/direction", "in\n");
         // /dev/mem: the AVS block at 0x08144000, 18 words: V0 (2), T0 (3, signed),
-        // PV0 (4), MV0 (5) in thousandths, the revision (10).
+        // PV0 (4), MV0 (5) in thousandths, the revision (10), the power state
+        // (11), heartbeat (12) and magic word (13); the block also as a dump, "avs".
         std::string avs;
-        for (const std::uint32_t w : {0u, 0u, 950u, 0xFFFFF830u, 1000u, 7u, 0u, 0u, 0u, 0u, 0x01020304u})
+        for (const std::uint32_t w : {0u, 0u, 950u, 0xFFFFF830u, 1000u, 7u, 0u, 0u, 0u, 0u, 0x01020304u, 1u, 17u,
+                                      0xA11600D1u})
             avs += vxtest::Le32(w);
         avs.resize(72, '\0');
         std::ofstream(dir.WriteFile("mem", ""), std::ios::binary).seekp(0x08144000) << avs;
+        dir.WriteFile("avs", avs);
         std::filesystem::resize_file(dir.Path() + "/mem", 0x0A300000);
         args = {"report", "--env-image",
                 dir.WriteFile("env", vxtest::EnvironmentBlock({"VX_FORMAT=" + format, "VX_HWREV=" + revision,
@@ -78,12 +84,9 @@ struct SavedPlayer {
 inline std::vector<std::string> Pick(const std::vector<std::string>& args, std::initializer_list<std::string> prefixes)
 {
     std::vector<std::string> picked;
-    for (std::size_t i = 1; i + 1 < args.size(); i += 2) {
-        for (const std::string& prefix : prefixes) {
-            if (args[i].rfind(prefix, 0) == 0)
-                picked.insert(picked.end(), {args[i], args[i + 1]});
-        }
-    }
+    for (std::size_t i = 1; i + 1 < args.size(); i += 2)
+        if (std::ranges::any_of(prefixes, [&](const std::string& prefix) { return args[i].rfind(prefix, 0) == 0; }))
+            picked.insert(picked.end(), {args[i], args[i + 1]});
     return picked;
 }
 

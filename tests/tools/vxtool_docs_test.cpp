@@ -65,15 +65,13 @@ TEST(VxtoolDocs, TheReadmeAndTheManualPageShowEveryCommandAsItsUsageDoes)
 TEST(VxtoolDocs, TheReadmesFactoryExampleIsTheScenarioThatRunsIt)
 {
     const std::string scenario = vxtest::ReadFile(VX_SOURCE_DIR "/sim/scenarios/factory-example.toml");
-    const std::string open = "\"-c\", '''\n";
-    const std::size_t start = scenario.find(open), end = scenario.find("''']", start);
+    const std::size_t start = scenario.find("\"-c\", '''\n") + 10, end = scenario.find("''']", start);
     ASSERT_NE(end, std::string::npos);
-    std::istringstream script(scenario.substr(start + open.size(), end - start - open.size()));
-    std::string indented;
-    for (std::string line; std::getline(script, line);)
-        indented += (line.empty() ? "" : "    ") + line + "\n";
-    EXPECT_NE(vxtest::ReadFile(VX_SOURCE_DIR "/README.md").find("\n\n" + indented + "\n"), std::string::npos)
-        << indented;
+    // A Markdown code block: each line that is not empty indented by four.
+    const std::string block =
+        std::regex_replace(scenario.substr(start, end - start), std::regex("(^|\n)(.)"), "$1    $2");
+    EXPECT_NE(vxtest::ReadFile(VX_SOURCE_DIR "/README.md").find("\n\n" + block + "\n"), std::string::npos)
+        << block;
 }
 
 } // namespace

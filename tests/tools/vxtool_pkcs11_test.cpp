@@ -34,27 +34,24 @@ struct SoftHsmToken {
                                                   "/tokens\nobjectstore.backend = file\nlog.level = ERROR\n")
                    .c_str(),
                1);
-        Util({"--init-token", "--free", "--label", "vx-factory", "--so-pin", "1234", "--pin", PIN});
-        Import(vxtest::TestPrivateKey("srb-1"), "srb-1", "01");
-        Import(vxtest::TestPrivateKey("blessing-2"), "blessing-2", "02");
         const std::string small = dir.Path() + "/small.pem";
         EXPECT_EQ(vxtest::Run("/usr/bin/openssl", {"genpkey", "-algorithm", "RSA", "-pkeyopt",
                                                    "rsa_keygen_bits:1024", "-out", small})
                       .exit_status,
                   0);
-        Import(small, "small", "03");
+        const auto import = [](const std::string& pem, const char* label, const char* id) {
+            return Args{"--import", pem, "--token", "vx-factory", "--label", label, "--id", id};
+        };
+        for (Args args : {Args{"--init-token", "--free", "--label", "vx-factory", "--so-pin", "1234"},
+                          import(vxtest::TestPrivateKey("srb-1"), "srb-1", "01"),
+                          import(vxtest::TestPrivateKey("blessing-2"), "blessing-2", "02"),
+                          import(small, "small", "03")}) {
+            args.insert(args.end(), {"--pin", PIN});
+            const vxtest::RunResult r = vxtest::Run("/usr/bin/softhsm2-util", args);
+            EXPECT_EQ(r.exit_status, 0) << r.out << r.err;
+        }
     }
     ~SoftHsmToken() { unsetenv("SOFTHSM2_CONF"); }
-
-    void Util(const Args& args) const
-    {
-        const vxtest::RunResult r = vxtest::Run("/usr/bin/softhsm2-util", args);
-        EXPECT_EQ(r.exit_status, 0) << r.out << r.err;
-    }
-    void Import(const std::string& pem, const std::string& label, const std::string& id) const
-    {
-        Util({"--import", pem, "--token", "vx-factory", "--label", label, "--id", id, "--pin", PIN});
-    }
 };
 
 // The exit status, ":", then standard output and standard error.
