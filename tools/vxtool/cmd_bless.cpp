@@ -1,6 +1,6 @@
 // vxtool bless: issues a signed blessing or boon as a device-data chunk.
-#include <string>
 #include <memory>
+#include <string>
 
 #include "command.h"
 #include "factory/records.h"

@@ -53,10 +53,6 @@ void RequireReadableSecureId(const std::string& secure_id)
                                      secure_id));
 }
 
-} // namespace vxtool
-
-namespace vxtool {
-
 std::string ReadPinFromStandardInput(const std::string& token)
 {
     termios saved{};
