@@ -27,6 +27,7 @@ set(runtime_files
     usr/lib/vx-hwcheck/wait-devices usr/lib/sysusers.d/vx-registry.conf
     usr/share/dbus-1/system.d/com.tessalabs.Registry.conf
     usr/share/man/man8/vx-hwcheck.8.gz usr/share/man/man1/vxtool.1.gz
+    usr/share/vx-hwcheck/schemas/vxtool-report.schema.json
     usr/share/doc/vx-hwcheck/copyright usr/share/doc/vx-hwcheck/changelog.gz)
 set(dev_files
     usr/lib/libcorvid.a usr/lib/libvxhardware.a usr/include/vx-hwcheck/hardware/context.h
