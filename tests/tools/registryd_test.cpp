@@ -7,28 +7,29 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <regex>
 
 #include <gtest/gtest.h>
 
 #include "platform/registry_client.h"
 #include "platform/registry_names.h"
-#include "support/hostile_paths.h"
+#include "support/hostile_files.h"
 #include "support/registry_bus.h"
 
 namespace {
 
 using vxtest::Failure;
+using vxtest::Hostile;
 
 const std::string ERRORS = "com.tessalabs.Registry.Errors.", FAILED = ERRORS + "Failed: ";
 
-// The names in a directory but the disk's filler, sorted.
+// The names in a directory, sorted.
 std::vector<std::string> Entries(const std::string& dir)
 {
     std::vector<std::string> names;
     for (const auto& entry : std::filesystem::directory_iterator(dir))
         names.push_back(entry.path().filename().string());
-    std::erase(names, "filler");
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -47,46 +48,37 @@ protected:
     Registry& registry = *RegistryClientImpl::GetInstance();
 };
 
-TEST_F(RegistryService, OnADiskThatIsFullThenReadOnlyThenFreedItServesReadsRefusesWritesAndKeepsWhatItAcknowledged)
+TEST_F(RegistryService, OnAFullOrReadOnlyDiskItServesReadsAndRefusesWritesUntilItHasRoomAgain)
 {
-    vxtest::SmallDisk disk(64 * 1024);
-    const std::string dir = disk.Path() + "/registry", store = dir + "/registry.json";
-    const mode_t umask_before = umask(0); // the directory's mode is the service's own
-    bus.StartService(store);
-    umask(umask_before);
-    registry.Write("net", "host", "p1");
-    registry.WriteJson(R"({"net": {"host": "p2", "mtu": "1500"}, "old": {"k": "v"}})");
-    EXPECT_EQ(std::filesystem::status(dir).permissions(), std::filesystem::perms::owner_all);
-    const std::string acknowledged = registry.ReadAllJson();
+    const std::string stored = "{\n  \"net\": {\n    \"host\": \"p2\",\n    \"mtu\": \"1500\"\n  },\n"
+                               "  \"old\": {\n    \"k\": \"v\"\n  }\n}\n";
     const std::vector<std::function<void()>> writes = {
         [&] { registry.Write("net", "host", "p3"); }, [&] { registry.WriteJson("{}"); },
         [&] { registry.DeleteKey("net", "mtu"); },    [&] { registry.DeleteSection("old"); },
         [&] { registry.DeleteAll(); }};
-    for (const std::string reason : {"No space left on device (errno 28)", "Read-only file system (errno 30)"}) {
+    for (const auto& [kind, reason] : {std::pair{Hostile::FullFilesystem, "No space left on device (errno 28)"},
+                                       {Hostile::ReadOnlyFilesystem, "Read-only file system (errno 30)"}}) {
         SCOPED_TRACE(reason);
-        if (reason.starts_with("No space"))
-            disk.Fill();
-        else
-            disk.SetReadOnly(true);
+        const vxtest::TempDir dir;
+        const std::string store = dir.Path() + "/registry.json";
+        vxtest::HostilePath disk(kind, store, stored);
         bus.StartService(store); // loading writes nothing
         EXPECT_EQ(registry.Read("net", "host"), "p2");
         for (const auto& write : writes)
             EXPECT_EQ(Failure(write), FAILED + store + ".tmp: " + reason);
-        EXPECT_EQ(registry.ReadAllJson(), acknowledged);
-        EXPECT_EQ(Entries(dir), std::vector<std::string>{"registry.json"}); // no temporary file
+        EXPECT_EQ(registry.ReadAllJson(), stored);
+        EXPECT_EQ(disk.Faults(), ""); // the store as it was, no temporary file
+        disk.Heal();
+        registry.DeleteSection("old");
+        bus.StartService(store);
+        EXPECT_EQ(registry.ReadAllJson(), stored.substr(0, stored.find(",\n  \"old\"")) + "\n}\n");
     }
-    disk.SetReadOnly(false);
-    disk.Free();
-    registry.DeleteSection("old");
-    bus.StartService(store);
-    EXPECT_EQ(registry.ReadAllJson(), "{\n  \"net\": {\n    \"host\": \"p2\",\n    \"mtu\": \"1500\"\n  }\n}\n");
 }
 
 TEST_F(RegistryService, WhatDoesNotLoadIsSetAsideOnceAndTheRegistryStartsEmpty)
 {
-    const vxtest::TempDir elsewhere;
-    const std::string target = elsewhere.WriteFile("target", "{}", 0600);
     const std::string json = "Invalid JSON format:";
+    std::optional<vxtest::HostilePath> hostile;
     const auto with = [](std::string text) { return [=](const std::string& path) { std::ofstream(path) << text; }; };
     std::vector<std::pair<std::function<void(const std::string&)>, std::string>> stores = {
         {with(R"({"net": {"host": )"), json + "[json.exception.parse_error.101] parse error at line 1, column 18: "
@@ -97,10 +89,9 @@ TEST_F(RegistryService, WhatDoesNotLoadIsSetAsideOnceAndTheRegistryStartsEmpty)
         {with(R"({"s": {"k": 1}})"), json + "the value of 's.k' is not a string"},
         {[](const std::string& path) { std::ofstream(path).close(), truncate(path.c_str(), 300'000'000); },
          "300000000 bytes or more, larger than a registry's file (16777216 bytes)"}};
-    for (const vxtest::HostileKind kind : vxtest::HOSTILE_KINDS) {
-        stores.emplace_back([&, kind](const std::string& path) { vxtest::Plant(kind, path, target); },
-                            kind == vxtest::HostileKind::Symlink ? "a symbolic link, not a regular file"
-                                                            : "not a regular file");
+    for (const Hostile kind : {Hostile::Fifo, Hostile::Symlink, Hostile::Directory}) {
+        stores.emplace_back([&, kind](const std::string& path) { hostile.emplace(kind, path); },
+                            kind == Hostile::Symlink ? "a symbolic link, not a regular file" : "not a regular file");
     }
     for (const auto& [plant, problem] : stores) {
         SCOPED_TRACE(problem);
@@ -116,42 +107,43 @@ TEST_F(RegistryService, WhatDoesNotLoadIsSetAsideOnceAndTheRegistryStartsEmpty)
                                         "; set aside as " + aside + ", starting with an empty registry\n"),
                   std::string::npos)
             << bus.ServiceLog();
+        // Nothing read from the FIFO or written through the link; only the name changed.
+        EXPECT_EQ(hostile ? hostile->Faults() : "", hostile ? "beside it were '', now '" + aside + " '; " : "");
+        hostile.reset();
     }
-    EXPECT_EQ(vxtest::ReadFile(target), "{}");
 
     // On a read-only disk it stays where it is, and every change fails until it can be set aside.
-    vxtest::SmallDisk disk(64 * 1024);
-    const std::string store = disk.Path() + "/registry.json";
-    std::ofstream(store) << "{";
-    disk.SetReadOnly(true);
+    const vxtest::TempDir dir;
+    const std::string store = dir.Path() + "/registry.json";
+    vxtest::HostilePath disk(Hostile::ReadOnlyFilesystem, store, "{");
     bus.StartService(store);
     EXPECT_NE(bus.ServiceLog().find("; it cannot be set aside (" + store + ": Read-only file system (errno 30)), so "
                                     "the registry starts empty and every change fails until it can\n"),
               std::string::npos);
     EXPECT_EQ(Failure([&] { registry.Write("s", "k", "v"); }), FAILED + store + ": Read-only file system (errno 30)");
-    disk.SetReadOnly(false);
+    disk.Heal();
     registry.Write("s", "k", "v");
-    const std::string aside = Entries(disk.Path()).back();
-    EXPECT_EQ(Entries(disk.Path()).front() + " " + vxtest::ReadFile(disk.Path() + "/" + aside), "registry.json {");
+    const std::string aside = Entries(dir.Path()).back();
+    EXPECT_EQ(Entries(dir.Path()).front() + " " + vxtest::ReadFile(dir.Path() + "/" + aside), "registry.json {");
     EXPECT_TRUE(bus.ServiceLog().ends_with("Write\nvx-registryd: " + store + " set aside as " + aside + "\n"));
 }
 
 TEST_F(RegistryService, AThingAtTheTemporaryFilesNameIsRemovedNeverFollowed)
 {
-    const vxtest::TempDir dir, elsewhere;
-    const std::string store = dir.Path() + "/registry.json", target = elsewhere.WriteFile("target", "{}", 0600);
-    bus.StartService(store);
-    for (const vxtest::HostileKind kind : vxtest::HOSTILE_KINDS) {
-        SCOPED_TRACE(static_cast<int>(kind));
-        vxtest::Plant(kind, store + ".tmp", target);
-        const bool directory = kind == vxtest::HostileKind::Directory; // never removed: the change fails
+    for (const Hostile kind : {Hostile::Fifo, Hostile::Symlink, Hostile::Directory}) {
+        SCOPED_TRACE(vxtest::Name(kind));
+        const vxtest::TempDir dir;
+        const std::string store = dir.WriteFile("registry.json", "{}\n", 0600);
+        vxtest::HostilePath hostile(kind, store + ".tmp");
+        bus.StartService(store);
+        const bool directory = kind == Hostile::Directory; // never removed: the change fails
         EXPECT_EQ(Failure([&] { registry.Write("s", "k", "v"); }),
                   directory ? FAILED + store + ".tmp: Is a directory (errno 21)" : "none");
         EXPECT_EQ(std::filesystem::symlink_status(store + ".tmp").type(),
                   directory ? std::filesystem::file_type::directory : std::filesystem::file_type::not_found);
+        EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(store)));
+        EXPECT_EQ(hostile.Faults(), "");
     }
-    EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(store)));
-    EXPECT_EQ(vxtest::ReadFile(target), "{}");
 }
 
 TEST(RegistryServiceStart, RefusesADirectoryThatOthersMayWriteOrThatIsNotItsOwn)
@@ -176,10 +168,13 @@ TEST(RegistryServiceStart, RefusesADirectoryThatOthersMayWriteOrThatIsNotItsOwn)
 TEST_F(RegistryService, ErrorsNameTheRuleAndRepeatOnlyAnExcerptOfTheRequestInValidUtf8)
 {
     const vxtest::TempDir dir;
-    bus.StartService(dir.Path() + "/registry.json");
+    const mode_t umask_before = umask(0); // the directory it makes has the service's own mode
+    bus.StartService(dir.Path() + "/registry/registry.json");
+    umask(umask_before);
     DBus::Connection connection = DBus::Connection::SystemBus();
     RegistryProxy proxy(connection); // the service's own texts, which the client drops
     proxy.Write("s", "k", "v");
+    EXPECT_EQ(std::filesystem::status(dir.Path() + "/registry").permissions(), std::filesystem::perms::owner_all);
     const std::string before = proxy.ReadAllJson(), huge(30'000'000, 'k'), excerpt = std::string(128, 'k') + "...";
     std::string euros; // 50 characters of 3 bytes: the excerpt stops before the 43rd
     while (euros.size() < 150)
