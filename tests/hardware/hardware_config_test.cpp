@@ -1,5 +1,6 @@
 // The hardware configuration of units made of openssl-signed records: the
-// bitfield, the messages, and the SSD check.
+// bitfield and the messages (the SSD check is the simulated player's
+// ssd-unsupported and healthy).
 #include <cctype>
 #include <map>
 #include <ostream>
@@ -122,20 +123,6 @@ TEST(HardwareConfig, EveryBlessingNameSetsOrClearsExactlyItsBits)
             EXPECT_EQ(config.GetHardwareBitfield(), (before | set) & ~clear) << name;
         }
     }
-}
-
-TEST(HardwareConfig, SsdCheckReadsGpioLine64)
-{
-    FakeContext context;
-    context.WriteFile("/proc/boardid", "Secure-ID: x\n");
-    testing::internal::CaptureStderr(); // no environment: the configuration reports it
-    HardwareConfig config;
-    testing::internal::GetCapturedStderr();
-    context.WriteFile("/sys/class/gpio/gpio64/direction", "in\n");
-    context.WriteFile("/sys/class/gpio/gpio64/value", "0\n");
-    EXPECT_EQ(config.CheckSsd(), "Incompatible SSD detected. This player only supports NVMe/PCIe SSDs.");
-    context.WriteFile("/sys/class/gpio/gpio64/value", "1\n");
-    EXPECT_EQ(config.CheckSsd(), "");
 }
 
 } // namespace
