@@ -193,7 +193,7 @@ TEST_F(RegistryTest, ConcurrentThreadsAndProcessesLoseNoUpdate)
                 "sh", writer, filler};
             for (const std::string& word : vxtest::Built(VX_VXTOOL_PATH))
                 command.push_back(word);
-            processes.push_back(vxtest::Spawn(command, dir.Path() + "/" + writer + ".log"));
+            processes.push_back(vxtest::Start(command, "/dev/null", dir.Path() + "/" + writer + ".log"));
             continue;
         }
         threads.emplace_back([&, writer, keys = expected[writer]] {
