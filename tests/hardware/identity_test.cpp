@@ -1,12 +1,15 @@
-// The device's identity: the board identity, signatures and stored keys,
-// the signed manufacturing record (SRB) and blessings.
+// The device's identity: the board identity, signatures (with Wycheproof's
+// known-answer vectors) and stored keys, the signed manufacturing record
+// (SRB) and blessings.
 #include <cerrno>
 #include <cstdio>
+#include <fstream>
 #include <map>
 #include <stdexcept>
 #include <tuple>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "factory/partition_layout.h"
 #include "factory/records.h"
@@ -115,6 +118,49 @@ TEST(Signatures, SignDigestSignsLikeOpensslAndVerifySignatureChecksAlgorithmAndL
         EXPECT_FALSE(VerifySignature(key, GCRY_MD_SHA256, digest, bad)) << bad.size();
     // Shorter than the digest: false before libgcrypt is asked, even without a key.
     EXPECT_FALSE(VerifySignature(GcrySexp(), GCRY_MD_SHA256, digest, signature.substr(0, 31)));
+}
+
+// Known-answer vectors: every vector's public key as a stored key is (a
+// canonical S-expression), its message hashed with SHA-256, and the verdict
+// of VerifySignature against Wycheproof's.
+// "(public-key(rsa(n <len>:<bytes>)(e <len>:<bytes>)))", as the program
+// stores its keys.
+std::string CanonicalKey(const std::string& n, const std::string& e)
+{
+    const auto atom = [](const std::string& bytes) { return std::to_string(bytes.size()) + ":" + bytes; };
+    return "(10:public-key(3:rsa(1:n" + atom(n) + ")(1:e" + atom(e) + ")))";
+}
+
+std::string Sha256(const std::string& message)
+{
+    std::string digest(32, '\0');
+    gcry_md_hash_buffer(GCRY_MD_SHA256, digest.data(), message.data(), message.size());
+    return digest;
+}
+
+TEST(Wycheproof, RsaPkcs1Sha256VectorsGetTheirVerdict)
+{
+    std::ifstream file(VX_SOURCE_DIR "/tests/data/rsa_signature_2048_sha256_test.json");
+    const nlohmann::json vectors = nlohmann::json::parse(file);
+    std::map<std::string, int> counts;
+    for (const auto& group : vectors.at("testGroups")) {
+        const std::string key_text = CanonicalKey(vxtest::FromHex(group.at("publicKey").at("modulus")),
+                                                  vxtest::FromHex(group.at("publicKey").at("publicExponent")));
+        GcrySexp key;
+        ASSERT_EQ(gcry_sexp_new(key.out(), key_text.data(), key_text.size(), 0), 0u);
+        for (const auto& test : group.at("tests")) {
+            const std::string result = test.at("result");
+            const bool verified = VerifySignature(key, GCRY_MD_SHA256, Sha256(vxtest::FromHex(test.at("msg"))),
+                                                  vxtest::FromHex(test.at("sig")));
+            if (result != "acceptable") {
+                EXPECT_EQ(verified, result == "valid") << "tcId " << test.at("tcId") << " " << test.at("comment");
+            }
+            ++counts[result + (verified ? " accepted" : " refused")];
+        }
+    }
+    EXPECT_EQ(counts["valid accepted"] + counts["invalid refused"], 258);
+    for (const auto& [what, count] : counts)
+        std::printf("%s: %d\n", what.c_str(), count);
 }
 
 using Environment = std::map<std::string, std::string>;

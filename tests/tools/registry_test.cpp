@@ -76,17 +76,15 @@ protected:
 
 TEST_F(RegistryTest, EveryOperationReachesTheStore)
 {
-    EXPECT_EQ(registry.SectionList(), std::vector<std::string>());
-    EXPECT_EQ(registry.KeyList("network"), Keys());
     registry.Write("network", "hostname", "player-12");
     registry.Write("network", "empty", "");
     registry.Write("display", "title", "Gr\u00fc\u00dfe \u2603");
     EXPECT_EQ(registry.Read("network", "hostname") + registry.Read("network", "empty"), "player-12");
-    EXPECT_TRUE(registry.KeyExists("network", "empty"));
-    EXPECT_FALSE(registry.KeyExists("network", "mask") || registry.KeyExists("audio", "empty"));
-    EXPECT_TRUE(registry.SectionExists("display") && !registry.SectionExists("audio"));
-    EXPECT_EQ(registry.SectionList(), (std::vector<std::string>{"display", "network"}));
+    EXPECT_TRUE(registry.KeyExists("network", "empty") && registry.SectionExists("display"));
+    EXPECT_FALSE(registry.KeyExists("network", "mask") || registry.KeyExists("audio", "empty") ||
+                 registry.SectionExists("audio"));
     EXPECT_EQ(registry.KeyList("network"), (Keys{{"empty", ""}, {"hostname", "player-12"}}));
+    EXPECT_EQ(registry.KeyList("audio"), Keys());
     registry.DeleteKey("network", "empty");
     registry.DeleteKey("network", "never");
     registry.Flush();
