@@ -9,7 +9,6 @@
 
 #include <cstdarg>
 #include <cstring>
-#include <csignal>
 #include <string>
 #include <tuple>
 
@@ -102,18 +101,6 @@ TEST_F(GpioSysfsTest, ReportsAFailedExport)
                   ": No such file or directory (errno 2)\n");
 }
 
-TEST_F(GpioSysfsTest, InitializeRefusesModesSysfsCannotProvide)
-{
-    VXTEST_REQUIRE_ISOLATION();
-    Pin("in\n", "0");
-    EXPECT_EXIT(GpioSysfs(64).Initialize(GpioBase::GPIO_MODE_SPECIAL, GpioBase::GPIO_STATE_LOW),
-                testing::KilledBySignal(SIGABRT), "");
-    EXPECT_NE(vxtest::ReadFile(vxtest::KernelLogFile())
-                  .find(": false\nASSERT Executing lib/hardware/gpio_sysfs.cpp:135:void "
-                        "GpioSysfs::Initialize(GpioBase::GPIO_MODE, GpioBase::GPIO_STATE)\n"),
-              std::string::npos);
-}
-
 TEST(EventDevice, SetOutputsWritesOnlyTheChangedPinsLowestFirst)
 {
     FakeContext context;
@@ -131,15 +118,18 @@ TEST(EventDevice, SetOutputsWritesOnlyTheChangedPinsLowestFirst)
     EXPECT_EQ(WhatOf([&] { context.OpenGpioEventDevice(EV_KEY)->GetInput(32); }), "Pin not available");
 }
 
-// The 24-byte events read, and one cut short. The queries' requests and the
-// events written are the device test's (tests/device), on the kernel's evdev.
-TEST(LinuxEventDevice, ReadsWholeEvents)
+// The 24-byte events read, and one cut short; a file that answers no query.
+// The queries' requests and the events written are the device test's
+// (tests/device), on the kernel's evdev.
+TEST(LinuxEventDevice, ReadsWholeEventsAndAFailingQueryIsAnErrorWithoutContext)
 {
+    vxtest::TempDir dir;
+    EXPECT_EQ(WhatOf([&] { LinuxEventDevice(dir.WriteFile("plain", ""), EV_LED); }),
+              "Inappropriate ioctl for device (errno 25)");
     struct Answering {
         Answering() { g_answer_queries = true; }
         ~Answering() { g_answer_queries = false; }
     } answering;
-    vxtest::TempDir dir;
     const std::string key = Le32(5) + Le32(0) + Le32(6) + Le32(0) + "\x01" + '\0' + "\x14" + '\0' + Le32(1);
     LinuxEventDevice keys(dir.WriteFile("events", key + key.substr(0, 23)), EV_KEY);
     input_event e{};
@@ -147,13 +137,6 @@ TEST(LinuxEventDevice, ReadsWholeEvents)
     EXPECT_EQ(std::make_tuple(e.input_event_sec, e.input_event_usec, e.type, e.code, e.value),
               std::make_tuple(5L, 6L, EV_KEY, 20, 1));
     EXPECT_EQ(WhatOf([&] { keys.ReadEvent(e); }), "Input/output error (errno 5)");
-}
-
-TEST(LinuxEventDevice, AFailingQueryIsAnErrorWithoutContext)
-{
-    vxtest::TempDir dir; // a regular file answers no query
-    EXPECT_EQ(WhatOf([&] { LinuxEventDevice(dir.WriteFile("plain", ""), EV_LED); }),
-              "Inappropriate ioctl for device (errno 25)");
 }
 
 } // namespace

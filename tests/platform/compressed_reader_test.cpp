@@ -1,7 +1,6 @@
 // The compressed reader and the ELF note walk, against executables built by
 // gcc from notes in assembly, gzip's compression, and images at every limit.
 #include <algorithm>
-#include <csignal>
 #include <cstdint>
 #include <memory>
 #include <stdexcept>
@@ -143,22 +142,6 @@ TEST(MaybeCompressedNandReader, PositionedReads)
     auto bad = std::make_shared<MemoryNand>(2 * 4096, 4096);
     bad->bad_blocks = {0, 1};
     EXPECT_EQ(vxtest::WhatOf([&] { MaybeCompressedNandReader r(bad); }), "Seek beyond end of good NAND blocks");
-}
-
-TEST(MaybeCompressedNandReaderDeathTest, WriteAndSeekFromTheEnd)
-{
-    VXTEST_REQUIRE_ISOLATION();
-    MaybeCompressedNandReader::NandSource source(std::make_shared<MemoryNand>(4096, 4096));
-    const std::string report = ": false\nASSERT Executing lib/platform/maybe_compressed_nand_reader:";
-    const auto logged = [](const std::string& text) {
-        return vxtest::ReadFile(vxtest::KernelLogFile()).find(text) != std::string::npos;
-    };
-    EXPECT_EXIT(source.write("x", 1), testing::KilledBySignal(SIGABRT), "");
-    EXPECT_TRUE(logged(report + "21:std::streamsize MaybeCompressedNandReader::NandSource::write(const char*, "
-                                "std::streamsize)\n"));
-    EXPECT_EXIT(source.seek(0, std::ios_base::end), testing::KilledBySignal(SIGABRT), "");
-    EXPECT_TRUE(logged(report + "35:std::streampos MaybeCompressedNandReader::NandSource::seek("
-                                "boost::iostreams::stream_offset, std::ios_base::seekdir)\n"));
 }
 
 } // namespace
