@@ -24,7 +24,7 @@ BootloaderEnvironment Environment(std::map<std::string, std::string> variables)
     return environment;
 }
 
-TEST(StartupPass, RevisionLabelAndHardwareFlags)
+TEST(StartupPass, RevisionLabelHardwareFlagsAndTheAvsLine)
 {
     // The simulated player labels 0, 1, 0x19, 26 and 65537 (report-rev*) and no VX_HWREV (blessings-bitfield).
     const std::tuple<const char*, const char*, const char*, const char*> cases[] = {
@@ -37,6 +37,10 @@ TEST(StartupPass, RevisionLabelAndHardwareFlags)
         EXPECT_EQ(testing::internal::GetCapturedStderr(), message);
     }
     EXPECT_EQ(Environment({{"VX_HWFLAGS", "010"}}).HardwareFlags(), 8u); // 0x1f and none: report-rev-at, healthy
+    // The AVS line names all five keys, present or not.
+    testing::internal::CaptureStderr();
+    PrintAvsReport({{"V0", "0.900V"}, {"T1", "1.000C"}, {"MV0", "1.000V"}});
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "<6>AVS Revision= V0=0.900V T0= PV0= MV0=1.000V ");
 }
 
 TEST(StartupPass, EthernetAddressRules)
@@ -56,13 +60,6 @@ TEST(StartupPass, EthernetAddressRules)
         context.interfaces["eth0"] = mac;
         EXPECT_EQ(check(HW_ETHERNET), "no exception") << int(mac[5]);
     }
-}
-
-TEST(StartupPass, AvsLineNamesAllFiveKeys)
-{
-    testing::internal::CaptureStderr();
-    PrintAvsReport({{"V0", "0.900V"}, {"T1", "1.000C"}, {"MV0", "1.000V"}});
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "<6>AVS Revision= V0=0.900V T0= PV0= MV0=1.000V ");
 }
 
 // What stands at path, not followed: "file <mode> <content>", "other" or "none".

@@ -228,18 +228,6 @@ TEST(Srb, VerifiesOnlyTheRecordSignedForThisDevice)
     EXPECT_EQ(WhatOf([&] { VerifySrb(signed_record, ""); }), "No secure ID");
 }
 
-TEST(Srb, FactorySignerMatchesOpensslAndFillsEnvironmentRecords)
-{
-    VXTEST_REQUIRE_TEST_KEYS();
-    const GcrySexp key = LoadPrivateKeyFile(TestPrivateKey("srb-1"));
-    const std::string text = SignSrb(FACTORY, ID, key);
-    EXPECT_EQ(text, OpensslSrbSignature("srb-1"));
-    using Variables = std::vector<std::pair<std::string, std::string>>;
-    EXPECT_EQ(SrbSignatureVariables(text), (Variables{{"VX_SIGNATURE_0", text.substr(0, 239)},
-                                                      {"VX_SIGNATURE_1", text.substr(239)}}));
-    EXPECT_EQ(SrbSignatureVariables("Ashort"), (Variables{{"VX_SIGNATURE", "Ashort"}}));
-}
-
 using Grants = std::vector<std::pair<std::string, std::string>>;
 
 const std::string SERIAL = "VX0000042";
