@@ -45,60 +45,44 @@ namespace {
 using vxtest::Le32;
 using vxtest::WhatOf;
 
-class GpioSysfsTest : public testing::Test {
-protected:
-    // Pin 64 as sysfs shows it once exported.
-    void Pin(const std::string& direction, const std::string& value)
-    {
-        m_context.WriteFile("/sys/class/gpio/gpio64/direction", direction);
-        m_context.WriteFile("/sys/class/gpio/gpio64/value", value);
-    }
-    std::string File(const std::string& name) { return vxtest::ReadFile(m_context.Path("/sys/class/gpio/" + name)); }
-    FakeContext m_context;
-};
-
-TEST_F(GpioSysfsTest, ReadsTheFirstByteOfTheValue)
+// Pin 64 as sysfs shows it once exported; an absent pin exported is the
+// device test's and the simulated player's gpio-high, on the kernel's sysfs.
+TEST(GpioSysfs, ReadsTheFirstByteWritesTheDirectionOnlyWhenItChangesAndReportsAFailedExport)
 {
+    FakeContext context;
+    const auto pin = [&](const std::string& direction, const std::string& value) {
+        context.WriteFile("/sys/class/gpio/gpio64/direction", direction);
+        context.WriteFile("/sys/class/gpio/gpio64/value", value);
+    };
+    const auto file = [&](const std::string& name) { return vxtest::ReadFile(context.Path("/sys/class/gpio/" + name)); };
     const auto read = [&](const char* value) {
-        Pin("in\n", value);
+        pin("in\n", value);
         return WhatOf([] { throw std::runtime_error(GpioSysfs(64).Read() ? "high" : "low"); });
     };
     EXPECT_EQ(read("1\n"), "high");
     EXPECT_EQ(read("0"), "low");
     EXPECT_EQ(read(""), "GPIO64 Failed read: 11 (Resource temporarily unavailable)");
     EXPECT_EQ(read("x"), "Unexpected value when reading GPIO");
-    EXPECT_EQ(File("export"), ""); // an exported pin is not exported again
-}
+    EXPECT_EQ(file("export"), ""); // an exported pin is not exported again
 
-TEST_F(GpioSysfsTest, WritesTheDirectionOnlyWhenItChanges)
-{
-    Pin("in\n", "0");
-    GpioSysfs pin(64);
-    pin.Initialize(GpioBase::GPIO_MODE_INPUT, GpioBase::GPIO_STATE_HIGH); // already an input
-    pin.SetHigh();
-    pin.SetLow();
-    pin.Initialize(GpioBase::GPIO_MODE_OUTPUT, GpioBase::GPIO_STATE_RELEASED);
+    pin("in\n", "0");
+    GpioSysfs input(64);
+    input.Initialize(GpioBase::GPIO_MODE_INPUT, GpioBase::GPIO_STATE_HIGH); // already an input
+    input.SetHigh();
+    input.SetLow();
+    input.Initialize(GpioBase::GPIO_MODE_OUTPUT, GpioBase::GPIO_STATE_RELEASED);
     // Written where the files stand: direction after the byte read at
     // construction, value from its start.
-    EXPECT_EQ(File("gpio64/direction"), "ioutin");
-    EXPECT_EQ(File("gpio64/value"), "10");
-
-    Pin("out\n", "0");
+    EXPECT_EQ(file("gpio64/direction") + " " + file("gpio64/value"), "ioutin 10");
+    pin("out\n", "0");
     GpioSysfs output(64);
     output.SetHigh();
-    EXPECT_EQ(File("gpio64/direction"), "out\n");
-    EXPECT_EQ(File("gpio64/value"), "1");
-}
+    EXPECT_EQ(file("gpio64/direction") + " " + file("gpio64/value"), "out\n 1");
 
-TEST_F(GpioSysfsTest, ReportsAFailedExport)
-{
-    // An absent pin exported: the device test and the simulated player's gpio-high, on the kernel's sysfs.
     testing::internal::CaptureStderr();
-    EXPECT_EQ(WhatOf([] { GpioSysfs pin(65); }),
-              m_context.Path("/sys/class/gpio/export") + ": No such file or directory (errno 2)");
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "Failed to export GPIO65: " + m_context.Path("/sys/class/gpio/export") +
-                  ": No such file or directory (errno 2)\n");
+    const std::string error = context.Path("/sys/class/gpio/export") + ": No such file or directory (errno 2)";
+    EXPECT_EQ(WhatOf([] { GpioSysfs absent(65); }), error);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Failed to export GPIO65: " + error + "\n");
 }
 
 TEST(EventDevice, SetOutputsWritesOnlyTheChangedPinsLowestFirst)
