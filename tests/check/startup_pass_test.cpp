@@ -17,13 +17,6 @@
 
 namespace {
 
-BootloaderEnvironment Environment(std::map<std::string, std::string> variables)
-{
-    BootloaderEnvironment environment;
-    environment.variables = std::move(variables);
-    return environment;
-}
-
 TEST(StartupPass, RevisionLabelHardwareFlagsAndTheAvsLine)
 {
     // The simulated player labels 0, 1, 0x19, 26 and 65537 (report-rev*) and no VX_HWREV (blessings-bitfield).
@@ -33,10 +26,10 @@ TEST(StartupPass, RevisionLabelHardwareFlagsAndTheAvsLine)
         {"1 ", "1", "NO-SRB", "SRB IS NOT SET. RUN MANUFACTURING TEST."}};
     for (const auto& [format, revision, label, message] : cases) {
         testing::internal::CaptureStderr();
-        EXPECT_EQ(LabelRevision(Environment({{"VX_FORMAT", format}, {"VX_HWREV", revision}})), label) << revision;
+        EXPECT_EQ(LabelRevision({{}, {{"VX_FORMAT", format}, {"VX_HWREV", revision}}}), label) << revision;
         EXPECT_EQ(testing::internal::GetCapturedStderr(), message);
     }
-    EXPECT_EQ(Environment({{"VX_HWFLAGS", "010"}}).HardwareFlags(), 8u); // 0x1f and none: report-rev-at, healthy
+    EXPECT_EQ((BootloaderEnvironment{{}, {{"VX_HWFLAGS", "010"}}}).HardwareFlags(), 8u); // 0x1f: report-rev-at
     // The AVS line names all five keys, present or not.
     testing::internal::CaptureStderr();
     PrintAvsReport({{"V0", "0.900V"}, {"T1", "1.000C"}, {"MV0", "1.000V"}});

@@ -79,8 +79,7 @@ TEST(HardwareConfig, TheSrbDecidesTheBitfieldWithTheOemRulesAndSaysWhy)
         {{{"VX_FORMAT", "1"}}, "srb-2", "5ec1d0000000c0df", true, // all ones, on another board
          {0xFFFFFBFFCFFFFFFF, false, true, "", not_signed + "verification failed\n"}},
         {{{"VX_FORMAT", "1"}, {"VX_HWFLAGS", "0x113"}}, "blessing-1", ID, true, {0x80100000113, false, true, "", ""}},
-        // A valid one: every capability without flags; zero flags, Norva, and no device data.
-        {{{"VX_FORMAT", "1"}, {"VX_SERIAL", "SIM0042"}}, "srb-1", ID, true, {~0ULL, true, true, "", ""}},
+        // A valid one with zero flags, Norva, and no device data (without flags: healthy).
         {{{"VX_FORMAT", "1"}, {"VX_HWFLAGS", "0"}, {"VX_OEM_ID", "Norva"}}, "srb-2", ID, false,
          {0x84100000000, true, true, "",
           "Hardware configuration bitfield is zero. Please reprogram SRB\n"

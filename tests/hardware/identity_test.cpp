@@ -32,7 +32,16 @@ using vxtest::WhatOf;
 
 const std::string ID = "5ec0e1d05ec0e1d0"; // the Secure ID of the device
 
-TEST(ReadBoardId, TheKeysOfTheTableAsFscanfReadsThem)
+// A stream that delivers the text, then fails with EIO.
+ssize_t ReadThenFail(void* cookie, char* buffer, std::size_t size)
+{
+    const std::size_t n = static_cast<std::string*>(cookie)->copy(buffer, size);
+    static_cast<std::string*>(cookie)->erase(0, n);
+    errno = EIO;
+    return n ? ssize_t(n) : -1;
+}
+
+TEST(ReadBoardId, TheKeysOfTheTableAsFscanfReadsThemUpToAReadError)
 {
     vxtest::TempDir dir;
     const BoardIdentity id = ReadBoardId(dir.WriteFile(
@@ -48,27 +57,13 @@ TEST(ReadBoardId, TheKeysOfTheTableAsFscanfReadsThem)
     EXPECT_TRUE(id.secure_keys && !id.secure_boot);
     EXPECT_EQ(WhatOf([&] { ReadBoardId(dir.Path() + "/none"); }),
               dir.Path() + "/none: No such file or directory (errno 2)");
-    // A directory opens, and its first read fails (EISDIR): nothing was read.
-    EXPECT_EQ(ReadBoardId(dir.Path()).id, -1);
-}
-
-// A stream that delivers the text, then fails with EIO.
-ssize_t ReadThenFail(void* cookie, char* buffer, std::size_t size)
-{
-    const std::size_t n = static_cast<std::string*>(cookie)->copy(buffer, size);
-    static_cast<std::string*>(cookie)->erase(0, n);
-    errno = EIO;
-    return n ? ssize_t(n) : -1;
-}
-
-TEST(ReadBoardId, AReadErrorEndsTheScanAndThePairsReadStay)
-{
+    // A read error ends the scan; the pairs read stay.
     const std::tuple<std::string, std::int64_t, std::string> cases[] = {
         {"ID: 0x42\nSecure-ID: abc\n", 0x42, "abc"}, {"ID: 0x42\nSecure-", 0x42, ""}, {"", -1, ""}};
-    for (auto [text, id, secure_id] : cases) { // the end-of-file probe, a pair cut short, the first read
+    for (auto [text, number, secure_id] : cases) { // the end-of-file probe, a pair cut short, the first read
         const corvid::UniqueFile file(fopencookie(&text, "r", {ReadThenFail, nullptr, nullptr, nullptr}));
-        const BoardIdentity identity = ReadBoardId(file.Get());
-        EXPECT_EQ(std::tie(identity.id, identity.secure_id), std::tie(id, secure_id));
+        const BoardIdentity read = ReadBoardId(file.Get());
+        EXPECT_EQ(std::tie(read.id, read.secure_id), std::tie(number, secure_id));
     }
 }
 
@@ -191,7 +186,6 @@ TEST(Srb, VerifiesOnlyTheRecordSignedForThisDevice)
     // Variables set on top of the unsigned factory record.
     const std::pair<Environment, std::string> cases[] = {
         {{{"VX_SIGNATURE", sig}}, VALID},
-        {{{"VX_SIGNATURE", OpensslSrbSignature("srb-2")}}, VALID},
         {{{"VX_SIGNATURE", OpensslSrbSignature("blessing-1")}}, FAILED},
         {{{"VX_SIGNATURE", sig}, {"VX_SERIAL", "vx1234567"}}, FAILED},
         {{{"VX_SIGNATURE", sig}, {"ETH0_HWADDR", "00:1B:2c:3d:4e:5f"}}, FAILED},
