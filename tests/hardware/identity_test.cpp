@@ -115,8 +115,8 @@ TEST(Signatures, SignDigestSignsLikeOpensslAndVerifySignatureChecksAlgorithmAndL
     EXPECT_FALSE(VerifySignature(GcrySexp(), GCRY_MD_SHA256, digest, signature.substr(0, 31)));
 }
 
-// Known-answer vectors: every vector's public key as a stored key is, its
-// message hashed with SHA-256, and the verdict of VerifySignature against
+// Known-answer vectors: each vector's public key in the stored keys' form,
+// its message hashed with SHA-256, and VerifySignature's verdict against
 // Wycheproof's.
 std::string Sha256(const std::string& message)
 {
