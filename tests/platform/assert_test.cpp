@@ -82,7 +82,8 @@ TEST(Singleton, ChecksItsPointerAndAbortsOnMisuseWithTheSignatureOfTheClass)
     // The whole kernel-log record, with the process number as PID: a plain
     // report, or one with details (without "process").
     VXTEST_REQUIRE_ISOLATION();
-    const std::string plain = "<2>User space assert from process PID: ", at = "\nASSERT Executing lib/platform/singleton:";
+    const std::string at = "\nASSERT Executing lib/platform/singleton:";
+    const std::string plain = "<2>User space assert from process PID: ";
     const std::string pointer = "<2>User space assert from PID: Invalid pointer\nPointer=";
     const std::string get = at + "71:static T* corvid::Singleton<T>::GetInstance() [with T = SingletonProbe]\n";
     const std::pair<void (*)(), std::string> cases[] = {
