@@ -10,44 +10,60 @@
 #include "platform/posix_helpers.h"
 
 namespace corvid {
+namespace {
 
-void ReplaceFile(const std::string& path, std::string_view data, mode_t mode)
+std::string DirectoryOf(const std::string& path)
 {
     const std::filesystem::path target(path);
-    const std::string directory = target.has_parent_path() ? target.parent_path().string() : ".";
-    const std::string name = target.filename().string(), temporary_name = name + ".tmp";
-    const UniqueFd dir = OpenThrow(directory, O_RDONLY | O_DIRECTORY);
+    return target.has_parent_path() ? target.parent_path().string() : ".";
+}
+
+} // namespace
+
+void ReplaceFileAt(int dir, const std::string& path, std::string_view data, mode_t mode,
+                   TemporaryFileFailures naming, const std::function<void()>& renamed)
+{
+    const std::string name = std::filesystem::path(path).filename().string(), temporary_name = name + ".tmp";
+    const std::string temporary_path = path + ".tmp";
+    const std::string& named = naming == TemporaryFileFailures::NameTheFile ? path : temporary_path;
 
     // A stale temporary file (a power cut before the rename) or anything
     // planted in its place goes first, so that the new one is made afresh.
     struct stat stale;
-    if (::fstatat(dir.Get(), temporary_name.c_str(), &stale, AT_SYMLINK_NOFOLLOW) == 0 &&
-        ::unlinkat(dir.Get(), temporary_name.c_str(), 0) != 0)
-        throw ErrnoException(errno, path + ".tmp");
-    UniqueFd file(::openat(dir.Get(), temporary_name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                           0600));
+    if (::fstatat(dir, temporary_name.c_str(), &stale, AT_SYMLINK_NOFOLLOW) == 0 &&
+        ::unlinkat(dir, temporary_name.c_str(), 0) != 0)
+        throw ErrnoException(errno, temporary_path);
+    UniqueFd file(::openat(dir, temporary_name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!file.IsOpen())
-        throw ErrnoException(errno, path);
+        throw ErrnoException(errno, named);
     try {
-        const auto check = [&](int result) {
+        const auto check = [](int result, const std::string& context) {
             if (result != 0)
-                throw ErrnoException(errno, path);
+                throw ErrnoException(errno, context);
         };
-        check(::fchmod(file.Get(), mode));
+        check(::fchmod(file.Get(), mode), named);
         try {
             write_all_throw(file.Get(), data.data(), data.size());
         } catch (const ErrnoException& e) {
-            throw ErrnoException(e.GetErrno(), path);
+            throw ErrnoException(e.GetErrno(), named);
         }
-        check(::fsync(file.Get()));
-        check(::close(file.Release()));
-        check(::renameat(dir.Get(), temporary_name.c_str(), dir.Get(), name.c_str()));
+        check(::fsync(file.Get()), named);
+        check(::close(file.Release()), named);
+        check(::renameat(dir, temporary_name.c_str(), dir, name.c_str()), path);
     } catch (...) {
-        ::unlinkat(dir.Get(), temporary_name.c_str(), 0);
+        ::unlinkat(dir, temporary_name.c_str(), 0);
         throw;
     }
-    if (::fsync(dir.Get()) != 0)
-        throw ErrnoException(errno, directory);
+    if (renamed)
+        renamed();
+    if (::fsync(dir) != 0)
+        throw ErrnoException(errno, DirectoryOf(path));
+}
+
+void ReplaceFile(const std::string& path, std::string_view data, mode_t mode)
+{
+    const UniqueFd dir = OpenThrow(DirectoryOf(path), O_RDONLY | O_DIRECTORY);
+    ReplaceFileAt(dir.Get(), path, data, mode);
 }
 
 } // namespace corvid

@@ -72,22 +72,17 @@ TEST(BootloaderEnvironmentLoadTest, ReadsTheFirstGoodBlockOnceOrGivesTheEmptyEnv
         EXPECT_EQ(GetBootloaderEnvironment().variables.size(), 1u);
         EXPECT_EQ(nand->reads, (MemoryNand::Reads{{2 * E, E}}));
     }
-    // Every block bad; a corrupt record after good ones (nothing survives); no partition.
-    for (int failure = 0; failure < 3; ++failure) {
+    // Every block bad; no partition (a corrupt record: the simulated player's flash-read-error-nvram).
+    for (const bool partition : {true, false}) {
         FakeContext context;
-        if (failure < 2) {
-            const auto nand = context.AddPartition(BOOTLOADER_ENVIRONMENT_PARTITION, 3 * E, E);
-            if (failure == 0)
-                nand->bad_blocks = {0, 1, 2};
-            else
-                nand->Put(0, EnvironmentRecord("A=1") + EnvironmentRecord("B=2", '\x02') + '\0');
-        }
+        if (partition)
+            context.AddPartition(BOOTLOADER_ENVIRONMENT_PARTITION, 3 * E, E)->bad_blocks = {0, 1, 2};
         testing::internal::CaptureStderr();
         EXPECT_TRUE(GetBootloaderEnvironment().variables.empty());
         EXPECT_TRUE(GetBootloaderEnvironment().variables.empty());
         EXPECT_EQ(testing::internal::GetCapturedStderr(),
                   "BOOTLOADER ENVIRONMENT CORRUPT. PLEASE RUN MANUFACTURING TEST\n")
-            << failure;
+            << partition;
     }
 }
 
@@ -153,8 +148,6 @@ TEST(DeviceData, ReadImage)
     EXPECT_EQ(Read(nand), ""); // erased
     nand->Put(0, "VXDE");
     EXPECT_EQ(Read(nand), "Veltrix device data is corrupt");
-    nand->Put(0, HEADER + "LONG" + Le32(E + 1));
-    EXPECT_EQ(Read(nand), "Veltrix device data section too large");
     nand->Put(0, HEADER + EncodeDeviceDataChunk("FULL", std::string(E - 20, 'f')));
     EXPECT_EQ(Read(nand).size(), 8 + 8 + E);
     // The end tag in the partition's last 4 bytes, where no whole header fits.

@@ -1,8 +1,6 @@
 // The blink code as the fake board sees it: on the fake clock, where event
 // times are exact and every phase is asserted to the millisecond, and on the
 // system's clock with real signals.
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -22,32 +20,6 @@ namespace {
 
 using Events = std::vector<FakeGpioBoard::Event>;
 constexpr std::uint64_t MS = 1'000'000, T0 = 1'000'000'000; // the fake clock starts at 1 s
-
-// LED on and off events of flashes at the given start times (ms after T0).
-Events Flashes(const std::vector<std::uint64_t>& starts)
-{
-    Events events;
-    for (const std::uint64_t start : starts) {
-        events.push_back({T0 + start * MS, 17, 1});
-        events.push_back({T0 + (start + 250) * MS, 17, 0});
-    }
-    return events;
-}
-
-TEST(ShowLedErrorPattern, ThreeRoundsWithTheSplashMessageEachRound)
-{
-    FakeContext context;
-    const std::string fifo = context.Path(BOOT_SPLASH_PIPE_PATH);
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    const corvid::UniqueFd reader(open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    EXPECT_FALSE(ShowLedErrorPattern(ErrorLedPattern(1), LED_STOP_AFTER_THREE));
-    // Round n starts at 2050 (n - 1) ms: a 1500 ms pause, 250 on, 300 off.
-    EXPECT_EQ(context.GpioBoard().events, Flashes({1500, 3550, 5600}));
-    char received[64] = {};
-    EXPECT_EQ(read(reader.Get(), received, sizeof received), 27);
-    EXPECT_EQ(std::string(received), "error LEDerror LEDerror LED");
-    EXPECT_EQ(context.GpioBoard().open_sides, 0); // both sides closed again
-}
 
 TEST(ShowLedErrorPattern, AButtonWatchedFromTheFirstRoundEndsAFlash)
 {
@@ -154,6 +126,7 @@ TEST(ShowLedErrorPattern, AWaitOverTheMillisecondWrapLastsItsTime)
     const std::vector<unsigned int>& sleeps = context.GetClock().sleeps;
     EXPECT_EQ(sleeps.size(), 3 * (150 + 2 * (25 + 30)));
     EXPECT_EQ(context.GpioBoard().events.front().ns, (0x100000000ULL + 1300) * MS);
+    EXPECT_EQ(context.GpioBoard().open_sides, 0); // both sides closed again
 }
 
 TEST(ShowLedErrorPattern, WithoutADeviceItThrowsAndDetaches)
@@ -164,23 +137,6 @@ TEST(ShowLedErrorPattern, WithoutADeviceItThrowsAndDetaches)
     EXPECT_EQ(vxtest::WhatOf([] { ShowLedErrorPattern(ERROR_LED_GENERAL, LED_SIGNALS_BREAK); }),
               context.Path("/dev/input/veltrix-gpio") + ": No such file or directory (errno 2)");
     EXPECT_TRUE(dispatcher.GetObservers().empty());
-}
-
-TEST(ShowLedErrorPatternDeathTest, PatternZeroAndTheForcedCrash)
-{
-    VXTEST_REQUIRE_ISOLATION();
-    const std::string where = "lib/hardware/leds:";
-    const std::string function = ":bool ShowLedErrorPattern(ErrorLedPattern, unsigned int)\n";
-    FakeContext context;
-    EXPECT_EXIT(ShowLedErrorPattern(ErrorLedPattern(0), 0), testing::KilledBySignal(SIGABRT), "^$");
-    EXPECT_NE(vxtest::ReadFile(vxtest::KernelLogFile()).find(": pattern > 0\nASSERT Executing " + where +
-                                                             "168" + function),
-              std::string::npos);
-    EXPECT_EXIT(ShowLedErrorPattern(ERROR_LED_ETHERNET, LED_CHECK_FLAGS), testing::KilledBySignal(SIGABRT),
-                "^Forced crash due to LED error 7\n$");
-    EXPECT_NE(vxtest::ReadFile(vxtest::KernelLogFile()).find(": false\nASSERT Executing " + where + "226" +
-                                                             function),
-              std::string::npos);
 }
 
 } // namespace

@@ -74,7 +74,7 @@ TEST(InterfaceHardwareAddress, LoopbackIsNotEthernetAndUnknownFails)
               "No such device (errno 19)");
 }
 
-TEST(ParseKeyValuePairs, PairsInTextOrder)
+TEST(ParseKeyValuePairs, PairsInTextOrderAndTheLastOfAKeyInAMap)
 {
     const struct {
         const char *text, *pairs, *kv, *trim, *expected; // "key=value;" per call
@@ -96,15 +96,12 @@ TEST(ParseKeyValuePairs, PairsInTextOrder)
                                    });
         EXPECT_EQ(calls, c.expected) << c.text;
     }
-}
-
-TEST(ParseKeyValuePairs, MapKeepsTheLastOfRepeatedKeys)
-{
+    // As a map, the last of repeated keys stays.
     EXPECT_EQ(corvid::ParseKeyValuePairs("a=1 b=2 a=3", " ", "=", ""),
               (std::map<std::string, std::string>{{"a", "3"}, {"b", "2"}}));
 }
 
-TEST(Base64, RfcVectorsAndEveryByteValueRoundTrip)
+TEST(Base64, RfcVectorsEveryByteValueAndMalformedTextWithItsReason)
 {
     // RFC 4648, section 10.
     for (const auto& [plain, encoded] : {std::pair{"", ""}, {"f", "Zg=="}, {"fo", "Zm8="},
@@ -119,10 +116,7 @@ TEST(Base64, RfcVectorsAndEveryByteValueRoundTrip)
     EXPECT_EQ(Decode(Encode(bytes)), bytes);
     EXPECT_EQ(Encode("\xfb\xff\xbf"), "+/+/");
     EXPECT_EQ(corvid::base64::DecodedLength(345), 258u); // an SRB signature text: "A" and 344
-}
 
-TEST(Base64, MalformedTextIsRejectedWithItsReason)
-{
     const char* const outside = "character outside the alphabet";
     for (const auto& text_reason :
          {std::pair{"Zm9vY", "length is not a multiple of 4"}, {"Zm9v\nYm9", outside},

@@ -1,9 +1,8 @@
 // ELF images for the note walk: executables built by the host's gcc and Debian's AArch64 and
-// 32-bit ARM cross compilers and listed by readelf, images written out from the ELF layout, gzip.
+// 32-bit ARM cross compilers, images written out from the ELF layout, gzip.
 #pragma once
 
 #include <cstdint>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -39,24 +38,6 @@ inline std::string GccElf(const std::string& notes, const std::vector<std::strin
     if (r.exit_status != 0)
         throw std::runtime_error("gcc: " + r.err);
     return ReadFile(out);
-}
-
-// readelf -n of an image: (owner, description up to its first zero byte).
-inline std::vector<std::pair<std::string, std::string>> ReadelfNotes(const std::string& image)
-{
-    TempDir dir;
-    std::istringstream lines(Run("/usr/bin/readelf", {"-nW", dir.WriteFile("image", image)}).out);
-    std::vector<std::pair<std::string, std::string>> notes;
-    for (std::string line, first; std::getline(lines, line);) {
-        std::istringstream(line) >> first;
-        if (line.find(" 0x") != std::string::npos && first != "Displaying")
-            notes.emplace_back(first, "");
-        const std::size_t data = line.find("description data:");
-        std::istringstream bytes(data == std::string::npos ? "" : line.substr(data + 17));
-        for (std::string word; bytes >> word && word != "00";)
-            notes.back().second += static_cast<char>(std::stoi(word, nullptr, 16));
-    }
-    return notes;
 }
 
 inline std::string Gzip(const std::string& data, const std::string& level)

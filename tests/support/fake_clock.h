@@ -1,10 +1,9 @@
-// A monotonic clock that moves only when the code under test sleeps; it
-// keeps the sleeps and can act after each (to raise a signal, say), or,
-// after UseSystemClock, reads and sleeps on the system's own clock.
+// A monotonic clock that moves only when the code under test sleeps and
+// keeps the sleeps, or, after UseSystemClock, reads and sleeps on the
+// system's own clock.
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <vector>
 
@@ -23,8 +22,6 @@ public:
             m_system->SleepMicroseconds(microseconds);
         else
             now_ns += std::uint64_t(microseconds) * 1000;
-        if (on_sleep)
-            on_sleep(NowNanoseconds());
     }
     std::uint64_t NowNanoseconds()
     {
@@ -35,7 +32,6 @@ public:
 
     std::uint64_t now_ns = 1'000'000'000;
     std::vector<unsigned int> sleeps;
-    std::function<void(std::uint64_t ns)> on_sleep;
 
 private:
     std::optional<corvid::SystemClock> m_system;

@@ -64,6 +64,15 @@ HostilePath::~HostilePath()
         umount2(m_directory.c_str(), MNT_DETACH);
 }
 
+void HostilePath::Heal()
+{
+    if (m_kind == Hostile::ReadOnlyFilesystem)
+        Require(mount(nullptr, m_directory.c_str(), nullptr, MS_REMOUNT | MS_NOSUID | MS_NODEV, nullptr) == 0,
+                "remount " + m_directory);
+    else if (m_kind == Hostile::FullFilesystem)
+        Require(unlink((m_directory + "/fill").c_str()) == 0, "unlink " + m_directory + "/fill");
+}
+
 std::string HostilePath::Listing() const
 {
     std::set<std::string> names;

@@ -1,6 +1,7 @@
 // What can stand where a program writes a regular file, made at a path of a
-// test's scratch tree for code under test in this process or a program run
-// in a Sandbox (which sees the mounts made here), undone on destruction.
+// test's scratch tree for code under test in this process, a program run in
+// a Sandbox or a service this process starts (which see the mounts made
+// here), undone on destruction.
 #pragma once
 
 #include <string>
@@ -27,6 +28,9 @@ public:
     // wrote through the link, changed the old file of a file system, or left
     // a file behind beside path.
     std::string Faults() const;
+
+    // Gives the file system room again and makes it writable.
+    void Heal();
 
 private:
     std::string Listing() const; // the directory's other names, "name " each

@@ -109,7 +109,15 @@ inline std::string Openssl(const std::vector<std::string>& args, const std::stri
     return result.out;
 }
 
-// The 298-byte canonical S-expression of a PEM public key, from openssl's description.
+// A public key as the program stores its keys, a canonical S-expression:
+// "(public-key(rsa(n <len>:<bytes>)(e <len>:<bytes>)))".
+inline std::string CanonicalKey(const std::string& n, const std::string& e)
+{
+    const auto atom = [](const std::string& bytes) { return std::to_string(bytes.size()) + ":" + bytes; };
+    return "(10:public-key(3:rsa(1:n" + atom(n) + ")(1:e" + atom(e) + ")))";
+}
+
+// The 298-byte canonical key of a PEM public key, from openssl's description.
 inline std::string CanonicalPublicKey(const std::string& pem_path)
 {
     const auto describe = [&](const char* what) {
@@ -118,10 +126,7 @@ inline std::string CanonicalPublicKey(const std::string& pem_path)
     const std::string modulus = describe("-modulus").substr(8, 512); // after "Modulus="
     const std::string text = describe("-text");
     const unsigned long exponent = std::stoul(text.substr(text.find("Exponent: ") + 10));
-    std::string key = std::string("(10:public-key(3:rsa(1:n257:\0", 29) + FromHex(modulus) + ")(1:e3:";
-    for (int shift : {16, 8, 0})
-        key.push_back(static_cast<char>(exponent >> shift));
-    return key + ")))";
+    return CanonicalKey('\0' + FromHex(modulus), {char(exponent >> 16), char(exponent >> 8), char(exponent)});
 }
 
 // openssl dgst -sha256 -sign (raw signature) and -hmac (the 32 MAC bytes).

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -35,12 +36,6 @@ bool PrivateMounts(const std::vector<std::pair<std::string, std::string>>& binds
             return false;
     }
     return true;
-}
-
-// In the child: opens path as descriptor target (the opened one closes on exec).
-bool Redirect(const std::string& path, int flags, int target)
-{
-    return dup2(open(path.c_str(), flags | O_CLOEXEC, 0644), target) == target;
 }
 
 // Memcheck's verdict on a program that exited (one that a signal ended,
@@ -95,10 +90,39 @@ std::string ReadFile(const std::string& path)
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
+pid_t Start(const std::vector<std::string>& command, const std::string& in, const std::string& out,
+            const std::string& err, const Sandbox* sandbox)
+{
+    std::vector<char*> argv;
+    for (const std::string& word : command)
+        argv.push_back(const_cast<char*>(word.c_str()));
+    argv.push_back(nullptr);
+    // Opened (and truncated) before the program starts, so that a reader never sees the last run's output.
+    const int create = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+    const int input = open(in.c_str(), O_RDONLY | O_CLOEXEC), output = open(out.c_str(), create, 0644);
+    const int error = err.empty() ? dup(output) : open(err.c_str(), create, 0644);
+    std::fflush(nullptr);
+    const pid_t pid = input < 0 || output < 0 || error < 0 ? -1 : fork();
+    if (pid == 0) {
+        const bool drop = sandbox && sandbox->drop_file_permission_override;
+        if (prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && (!sandbox || PrivateMounts(sandbox->binds)) &&
+            (!drop || (prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE, 0, 0, 0) == 0 &&
+                       prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH, 0, 0, 0) == 0)) &&
+            dup2(input, 0) == 0 && dup2(output, 1) == 1 && dup2(error, 2) == 2 && close_range(3, ~0u, 0) == 0)
+            execv(argv[0], argv.data());
+        dprintf(2, "vxtest: cannot start %s: %s\n", argv[0], std::strerror(errno));
+        _exit(127);
+    }
+    for (const int fd : {input, output, error})
+        close(fd);
+    if (pid < 0)
+        throw std::runtime_error("cannot start " + command.at(0));
+    return pid;
+}
+
 RunResult Run(const std::vector<std::string>& command, const std::string& input, const Sandbox* sandbox)
 {
     const TempDir dir;
-    const std::string in = dir.WriteFile("stdin", input);
     const std::string out = dir.Path() + "/stdout", err = dir.Path() + "/stderr";
     const std::string& program = command.at(0);
     // VXTEST_VALGRIND names valgrind: every program of this build then runs
@@ -112,26 +136,7 @@ RunResult Run(const std::vector<std::string>& command, const std::string& input,
         words = {valgrind, "--track-fds=yes", "--leak-check=full",
                  "--errors-for-leak-kinds=definite,indirect", "--log-file=" + memcheck_log};
     words.insert(words.end(), command.begin(), command.end());
-    std::vector<char*> argv;
-    for (const std::string& word : words)
-        argv.push_back(const_cast<char*>(word.c_str()));
-    argv.push_back(nullptr);
-
-    std::fflush(nullptr);
-    const pid_t pid = fork();
-    if (pid < 0)
-        throw std::runtime_error("fork failed");
-    if (pid == 0) {
-        const bool drop = sandbox && sandbox->drop_file_permission_override;
-        if ((!sandbox || PrivateMounts(sandbox->binds)) &&
-            (!drop || (prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE, 0, 0, 0) == 0 &&
-                       prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH, 0, 0, 0) == 0)) &&
-            Redirect(in, O_RDONLY, 0) && Redirect(out, O_WRONLY | O_CREAT | O_TRUNC, 1) &&
-            Redirect(err, O_WRONLY | O_CREAT | O_TRUNC, 2) && close_range(3, ~0u, 0) == 0)
-            execv(argv[0], argv.data());
-        dprintf(2, "vxtest: cannot start %s: %s\n", program.c_str(), std::strerror(errno));
-        _exit(127);
-    }
+    const pid_t pid = Start(words, dir.WriteFile("stdin", input), out, err, sandbox);
     int status = 0;
     while (waitpid(pid, &status, 0) < 0) {
         if (errno != EINTR)

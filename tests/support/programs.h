@@ -3,6 +3,8 @@
 // included); scratch directories; the test programs' own kernel log.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdlib>
 #include <string>
 #include <utility>
@@ -53,9 +55,15 @@ inline std::vector<std::string> Built(const std::string& program, const std::vec
     return command;
 }
 
-// Starts command[0] with the rest as its arguments (in sandbox when given)
-// and waits for it; its standard output and error go to files, and it
-// inherits no other descriptor. With VXTEST_VALGRIND set to valgrind's path,
+// Starts command[0] with the rest as its arguments (in sandbox when given),
+// standard input from the file in, standard output to the file out and
+// standard error to err (to out when empty), inheriting no other descriptor;
+// it dies with the test program, also when that crashes. Returns its pid.
+pid_t Start(const std::vector<std::string>& command, const std::string& in, const std::string& out,
+            const std::string& err = {}, const Sandbox* sandbox = nullptr);
+
+// Starts command as Start does, with input on standard input, and waits
+// for it; its standard output and error go to files. With VXTEST_VALGRIND set to valgrind's path,
 // a program of this build runs under memcheck, and a program that exits with
 // a memory error, a definite or indirect leak or a descriptor open beyond the
 // standard three fails the calling test.

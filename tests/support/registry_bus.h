@@ -5,9 +5,7 @@
 // inherit that.
 #pragma once
 
-#include <fcntl.h>
 #include <pwd.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -29,28 +27,6 @@
 #include "support/programs.h"
 
 namespace vxtest {
-
-// Starts argv[0] with standard output and error to log; it dies with the
-// test program, also when that crashes.
-inline pid_t Spawn(const std::vector<std::string>& argv, const std::string& log)
-{
-    std::vector<char*> args;
-    for (const std::string& arg : argv)
-        args.push_back(const_cast<char*>(arg.c_str()));
-    args.push_back(nullptr);
-    const int out = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    const pid_t pid = out < 0 ? -1 : fork();
-    if (pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (dup2(out, 1) == 1 && dup2(out, 2) == 2)
-            execv(args[0], args.data());
-        _exit(127);
-    }
-    close(out);
-    if (pid < 0)
-        throw std::runtime_error("cannot start " + argv[0]);
-    return pid;
-}
 
 // Sends the signal (0: none) and reaps the process; returns its wait status.
 inline int Reap(pid_t pid, int signal = 0)
@@ -99,7 +75,7 @@ public:
     void StartService(const std::string& store)
     {
         StopService();
-        m_service = Spawn(Built(VX_REGISTRYD_PATH, {"--store", store, "--verbose"}), m_dir.Path() + "/service.log");
+        m_service = Start(Built(VX_REGISTRYD_PATH, {"--store", store, "--verbose"}), "/dev/null", m_dir.Path() + "/service.log");
         WaitFor(m_service, m_dir.Path() + "/service.log", " serving ");
     }
     int StopService(int signal = SIGTERM) { return Reap(std::exchange(m_service, -1), signal); }
@@ -116,9 +92,9 @@ private:
             "bus.conf", "<busconfig><include>/usr/share/dbus-1/system.conf</include><user>" +
                             std::string(getpwuid(getuid())->pw_name) +
                             "</user><include>" VX_REGISTRY_POLICY "</include></busconfig>\n");
-        WaitFor(Spawn({"/usr/bin/dbus-daemon", "--nofork", "--nopidfile", "--print-address",
+        WaitFor(Start({"/usr/bin/dbus-daemon", "--nofork", "--nopidfile", "--print-address",
                        "--config-file=" + config, "--address=" + address},
-                      log),
+                      "/dev/null", log),
                 log, address);
         setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
     }

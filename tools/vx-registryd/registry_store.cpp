@@ -17,6 +17,7 @@
 #include <nlohmann/json.hpp>
 
 #include "platform/posix_helpers.h"
+#include "platform/replace_file.h"
 #include "platform/trace.h"
 
 namespace {
@@ -232,12 +233,6 @@ std::optional<std::string> ReadStore(int dir, const std::string& name)
     return text;
 }
 
-void SyncOrThrow(int fd, const std::string& path)
-{
-    if (::fsync(fd) != 0)
-        throw corvid::ErrnoException(errno, path);
-}
-
 } // namespace
 
 std::string Excerpt(std::string_view text, std::size_t max)
@@ -408,32 +403,8 @@ void RegistryStore::Commit(Sections next)
         m_dir = OpenDirectory(m_directory, true);
     if (m_aside_pending)
         corvid::PrintGuarded("vx-registryd: {} set aside as {}\n", m_path, SetAside());
-    // The temporary file is always a new one: whatever has its name (a file,
-    // a link, a FIFO) goes first, and the exclusive creation follows no link.
-    const std::string temporary = m_name + ".tmp", temporary_path = m_path + ".tmp";
-    if (::unlinkat(m_dir.Get(), temporary.c_str(), 0) != 0 && errno != ENOENT)
-        throw corvid::ErrnoException(errno, temporary_path);
-    corvid::UniqueFd file(::openat(m_dir.Get(), temporary.c_str(),
-                                   O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!file.IsOpen())
-        throw corvid::ErrnoException(errno, temporary_path);
-    try {
-        try {
-            corvid::write_all_throw(file.Get(), text.data(), text.size());
-        } catch (const corvid::ErrnoException& e) {
-            throw corvid::ErrnoException(e.GetErrno(), temporary_path);
-        }
-        SyncOrThrow(file.Get(), temporary_path);
-        if (::close(file.Release()) != 0)
-            throw corvid::ErrnoException(errno, temporary_path);
-        if (::renameat(m_dir.Get(), temporary.c_str(), m_dir.Get(), m_name.c_str()) != 0)
-            throw corvid::ErrnoException(errno, m_path);
-    } catch (...) {
-        ::unlinkat(m_dir.Get(), temporary.c_str(), 0);
-        throw;
-    }
-    // The file is what a restart loads now: the contents follow it even if
-    // syncing the directory fails.
-    m_sections = std::move(next);
-    SyncOrThrow(m_dir.Get(), m_directory);
+    // The store is what a restart loads once renamed: the contents follow it
+    // even if syncing the directory fails.
+    corvid::ReplaceFileAt(m_dir.Get(), m_path, text, 0600, corvid::TemporaryFileFailures::NameTheTemporaryFile,
+                          [&] { m_sections = std::move(next); });
 }
