@@ -681,9 +681,13 @@ def read_scenario_data(path, seen=()):
     if base is None:
         return data
     if not isinstance(base, str):
-        raise SimError(f"{path}: base must be a scenario name")
+        raise SimError(f"{path}: base must be a scenario name or a path")
+    # A name is a scenario of sim/scenarios wherever the file is; a path
+    # ("../mine.toml", "./base.toml") is relative to the file.
     if os.sep not in base and not base.endswith(".toml"):
-        base = os.path.join(os.path.dirname(path), base + ".toml")
+        base = os.path.join(SCENARIO_DIR, base + ".toml")
+    else:
+        base = os.path.join(os.path.dirname(path), base)
     inherited = read_scenario_data(base, seen + (path,))
     for own in ("description", "batch", "architectures"):
         inherited.pop(own, None)
