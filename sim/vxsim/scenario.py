@@ -63,6 +63,10 @@ class Flash:
     # in a raw write that leaves the page's ECC as it was, which is a bit flip
     # the chip's ECC corrects (one per 256 bytes).
     bit_flips: list[str] = field(default_factory=list)
+    # A capture's raw contents of the partition's good blocks (a host file:
+    # each page followed by its OOB bytes), written without ECC; set for a
+    # player built from a capture (capture.py), never by a scenario file.
+    raw: str | None = None
 
 
 @dataclass
@@ -224,6 +228,12 @@ class Scenario:
     systemd: Systemd | None = None  # None: the program runs by itself, no init system
     # The players the scenario runs on; a file's own, never inherited.
     architectures: tuple[str, ...] = ARCHITECTURES
+    # After the program: vxtool captures the player, these partitions, into
+    # out/capture (the round trip of capture.py); None: no capture.
+    capture: list[str] | None = None
+    # After the program: a shell on the guest's second serial port, the
+    # terminal of the person who asked for it (sim/run-player --shell).
+    shell: bool = False
 
     def boot_key(self):
         """Scenarios with equal keys can share one boot; a systemd boot is
