@@ -63,8 +63,18 @@ public:
     // anything that appeared there meanwhile.
     void Commit(const std::string& destination)
     {
-        if (::renameat2(AT_FDCWD, m_path.c_str(), AT_FDCWD, destination.c_str(), RENAME_NOREPLACE) != 0)
-            throw corvid::ErrnoException(errno, destination);
+        if (::renameat2(AT_FDCWD, m_path.c_str(), AT_FDCWD, destination.c_str(), RENAME_NOREPLACE) != 0) {
+            // File systems without the flag (9p, some FUSE ones) answer
+            // EINVAL: a plain rename then, which still refuses to replace
+            // anything but an empty directory.
+            struct stat st;
+            if (errno != EINVAL)
+                throw corvid::ErrnoException(errno, destination);
+            if (::lstat(destination.c_str(), &st) == 0)
+                throw corvid::ErrnoException(EEXIST, destination);
+            if (::rename(m_path.c_str(), destination.c_str()) != 0)
+                throw corvid::ErrnoException(errno, destination);
+        }
         m_path.clear();
     }
 
