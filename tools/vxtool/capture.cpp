@@ -157,7 +157,7 @@ void UseCapture(const std::string& dir)
         // capture left out is absent, never the machine's own.
         std::string table = "dev:    size   erasesize  name\n";
         std::vector<std::pair<std::string, NandAccess::Pointer>> opened;
-        for (const nlohmann::json& entry : manifest.at("partitions")) {
+        for (const nlohmann::json& entry : manifest.value("partitions", nlohmann::json::array())) {
             const CapturedPartition p = PartitionFromJson(entry);
             const std::set<std::size_t> bad(p.bad_blocks.begin(), p.bad_blocks.end());
             opened.emplace_back(p.name, NandImageAccess::Create(dir + "/" + p.image, p.erase_size, p.write_size, bad));
@@ -166,13 +166,20 @@ void UseCapture(const std::string& dir)
         }
         for (auto& [name, nand] : opened)
             context.UsePartition(name, nand);
-        const nlohmann::json& files = manifest.at("files");
+        const nlohmann::json files = manifest.value("files", nlohmann::json::object());
         if (files.contains(MTD_TABLE_PATH) && !files.at(MTD_TABLE_PATH).is_null())
             corvid::WriteWholeFile(scratch + "/mtd", table, 0644);
         context.UseFile(MTD_TABLE_PATH, scratch + "/mtd");
+        // A file the manifest names, or none at all (a path in the empty
+        // scratch directory) for one the player did not have.
         for (const char* live : CAPTURED_FILES) {
-            if (std::string_view(live) != MTD_TABLE_PATH)
-                context.UseFile(live, dir + "/files" + live);
+            const nlohmann::json file = files.value(live, nlohmann::json());
+            if (std::string_view(live) == MTD_TABLE_PATH)
+                continue;
+            if (file.is_string() && file.get<std::string>().find("..") == std::string::npos)
+                context.UseFile(live, dir + "/" + file.get<std::string>());
+            else
+                context.UseFile(live, scratch + "/absent" + live);
         }
 
         // /sys: a copy (the GPIO line is opened for writing).
@@ -181,13 +188,17 @@ void UseCapture(const std::string& dir)
             fs::copy(dir + "/sys", scratch + "/sys", fs::copy_options::recursive);
         context.UseTree("/sys", scratch + "/sys");
 
-        const nlohmann::json& avs = manifest.at("avs");
+        const nlohmann::json avs = manifest.value("avs", nlohmann::json());
         if (avs.is_array() && avs.size() == AVS_STATUS_WORDS)
             WriteMemory(scratch + "/mem", avs);
         context.UseFile(MEM_DEVICE_PATH, scratch + "/mem");
 
-        const nlohmann::json& eth0 = manifest.at("eth0");
-        if (eth0.is_object() && eth0.value("address", nlohmann::json()).is_string()) {
+        // eth0 as the manifest records it: absent, or present with the
+        // address read then.
+        const nlohmann::json eth0 = manifest.value("eth0", nlohmann::json());
+        if (!eth0.is_object() || !eth0.value("present", false))
+            fs::remove_all(scratch + "/sys/class/net/eth0");
+        else if (eth0.value("address", nlohmann::json()).is_string()) {
             const std::string text = eth0.at("address").get<std::string>();
             const auto mac = ParseHardwareAddress(text);
             if (!mac)

@@ -31,7 +31,7 @@ int Run(const Arguments& arguments)
 
     std::map<std::string, std::string> status;
     if (from_capture) {
-        const nlohmann::json avs = ReadManifest(capture).at("avs");
+        const nlohmann::json avs = ReadManifest(capture).value("avs", nlohmann::json());
         if (!avs.is_array() || avs.size() != AVS_STATUS_WORDS)
             throw std::runtime_error(fmt::format("{}: the capture holds no AVS status block", capture));
         AvsStatusWords words;

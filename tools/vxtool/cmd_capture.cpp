@@ -5,7 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
+#include <ctime>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -302,6 +305,106 @@ nlohmann::json CaptureReport()
     return answer;
 }
 
+// One capture as a tar file (POSIX ustar): the directory DIRNAME/ and
+// everything below it, directories before their contents, files streamed
+// in 64 KiB pieces.
+class TarWriter {
+public:
+    explicit TarWriter(OutputFile& out) : m_out(out) {}
+
+    void Add(const fs::path& path, const std::string& name)
+    {
+        const bool directory = fs::is_directory(path);
+        const std::uint64_t size = directory ? 0 : fs::file_size(path);
+        Header(directory ? name + "/" : name, directory ? '5' : '0', directory ? 0755 : 0644, size);
+        if (directory) {
+            std::vector<fs::path> entries{fs::directory_iterator(path), fs::directory_iterator()};
+            std::sort(entries.begin(), entries.end());
+            for (const fs::path& entry : entries)
+                Add(entry, name + "/" + entry.filename().string());
+            return;
+        }
+        const corvid::UniqueFd in = corvid::OpenThrow(path.string(), O_RDONLY);
+        std::vector<char> buffer(64 * 1024);
+        for (std::uint64_t done = 0; done < size;) {
+            const std::size_t n = corvid::read_all_throw(in.Get(), buffer.data(), buffer.size());
+            if (n == 0)
+                throw std::runtime_error(fmt::format("{}: shorter than it was", path.string()));
+            m_out.Write(buffer.data(), n);
+            done += n;
+        }
+        Pad(size);
+    }
+
+    void Finish()
+    {
+        const std::vector<char> end(1024, 0);
+        m_out.Write(end.data(), end.size());
+    }
+
+private:
+    void Header(const std::string& name, char type, unsigned int mode, std::uint64_t size)
+    {
+        char h[512] = {};
+        std::string prefix, base = name;
+        if (base.size() > 100) {
+            const std::size_t slash = name.rfind('/', name.size() - 2);
+            prefix = slash == std::string::npos ? name : name.substr(0, slash);
+            base = slash == std::string::npos ? "" : name.substr(slash + 1);
+            if (prefix.size() > 155 || base.empty() || base.size() > 100)
+                throw std::runtime_error(fmt::format("{}: name too long for a tar file", name));
+        }
+        std::memcpy(h, base.data(), base.size());
+        std::snprintf(h + 100, 8, "%07o", mode);
+        std::snprintf(h + 108, 8, "%07o", 0);
+        std::snprintf(h + 116, 8, "%07o", 0);
+        std::snprintf(h + 124, 12, "%011llo", static_cast<unsigned long long>(size));
+        std::snprintf(h + 136, 12, "%011llo", static_cast<unsigned long long>(::time(nullptr)));
+        std::memset(h + 148, ' ', 8);
+        h[156] = type;
+        std::memcpy(h + 257, "ustar", 6);
+        std::memcpy(h + 263, "00", 2);
+        std::memcpy(h + 345, prefix.data(), prefix.size());
+        unsigned int sum = 0;
+        for (const char c : h)
+            sum += static_cast<unsigned char>(c);
+        std::snprintf(h + 148, 8, "%06o", sum);
+        m_out.Write(h, sizeof h);
+    }
+
+    void Pad(std::uint64_t size)
+    {
+        const std::vector<char> zeros(512, 0);
+        if (size % 512)
+            m_out.Write(zeros.data(), 512 - size % 512);
+    }
+
+    OutputFile& m_out;
+};
+
+// Packs the capture in dir as the tar file path, made under a temporary
+// name beside it and renamed when complete; an existing file is refused.
+void PackTar(const std::string& dir, const std::string& path)
+{
+    struct stat st;
+    if (::lstat(path.c_str(), &st) == 0)
+        throw std::runtime_error(fmt::format("{}: already exists", path));
+    const std::string temporary = fmt::format("{}.{}.partial", path, ::getpid());
+    try {
+        OutputFile out(temporary);
+        TarWriter tar(out);
+        tar.Add(dir, fs::path(dir).filename().string());
+        tar.Finish();
+        out.Close();
+        if (::link(temporary.c_str(), path.c_str()) != 0)
+            throw corvid::ErrnoException(errno, path);
+    } catch (...) {
+        ::unlink(temporary.c_str());
+        throw;
+    }
+    ::unlink(temporary.c_str());
+}
+
 void Capture(const std::string& dir, const std::set<std::string>& only)
 {
     nlohmann::json absent = nlohmann::json::object();
@@ -341,13 +444,16 @@ void Capture(const std::string& dir, const std::set<std::string>& only)
 int Run(const Arguments& arguments)
 {
     Arguments args = arguments;
-    std::string dir, names;
+    std::string dir, names, tar;
     if (!TakeOption(args, "-o", dir))
         throw UsageError("-o DIR is needed");
     const bool some = TakeOption(args, "--partitions", names);
+    const bool packed = TakeOption(args, "--tar", tar);
     ExpectNoMoreArguments(args);
     if (dir.empty())
         throw UsageError("-o needs a directory name");
+    if (packed && tar.empty())
+        throw UsageError("--tar needs a file name");
     std::set<std::string> only;
     for (std::size_t start = 0; some;) {
         const std::size_t comma = names.find(',', start);
@@ -366,16 +472,19 @@ int Run(const Arguments& arguments)
     StagingDir staging(dir);
     Capture(staging.Path(), only);
     staging.Commit(dir);
+    if (packed)
+        PackTar(fs::path(dir).lexically_normal().string(), tar);
     return 0;
 }
 
-const CommandRegistrar reg({"capture", "-o DIR [--partitions NAME,NAME,...]",
+const CommandRegistrar reg({"capture", "-o DIR [--tar FILE] [--partitions NAME,NAME,...]",
                             "save everything the check reads on this player into a new directory", &Run,
                             "Needs root on the player. Reads each MTD partition of /proc/mtd (or only those\n"
                             "--partitions names) with and without ECC, with its OOB bytes, geometry and bad\n"
                             "blocks; /proc/mtd, /proc/boardid, /proc/meminfo, /proc/cmdline,\n"
                             "/etc/veltrix-version, the AVS block, eth0, GPIO line 64 and the check's report.\n"
                             "Never writes the flash. DIR must not exist; it appears only when complete.\n"
+                            "--tar FILE packs it into one tar file as well (DIR/ at its top).\n"
                             "Read it back with --capture DIR, replay it with sim/run-player --capture DIR.\n"});
 
 } // namespace

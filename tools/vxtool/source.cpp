@@ -138,6 +138,10 @@ PartitionOptions::PartitionOptions(Arguments& args, std::initializer_list<Partit
             source.bad_blocks = ParseBlockList(name("bad-blocks"), given.bad_blocks);
         m_named.push_back(std::move(source));
     }
+    // At once: what a command reads while it takes its other options (the
+    // Secure ID of /proc/boardid) comes from the capture too.
+    if (FromCapture())
+        UseCapture(m_capture);
 }
 
 bool PartitionOptions::Named(const Partition& partition) const
@@ -163,7 +167,7 @@ const PartitionOptions::Source* PartitionOptions::Find(const Partition& partitio
 void PartitionOptions::Use() const
 {
     if (FromCapture())
-        return UseCapture(m_capture);
+        return; // in place since the options were read
     // All opened before any is put in place: --devdata-mtd flash0.nvram
     // means the live flash0.nvram, whatever --env-... names.
     ToolContext& context = ToolContext::Get();

@@ -83,7 +83,8 @@ public:
 
     // Opens each named partition and puts it in place of the live one in
     // vxtool's context; the command then opens every partition through the
-    // context, as the player does.
+    // context, as the player does. A capture is put in place by the
+    // constructor already.
     void Use() const;
 
 private:
