@@ -67,10 +67,12 @@ def capture_file(directory, manifest, live):
         return f.read()
 
 
-def capture_flash(directory, manifest, workdir):
+def capture_flash(directory, manifest, workdir, images=None):
     """The chip's partitions: the captured /proc/mtd's rows up to the last
     captured partition, each captured one with its bad blocks and raw
-    pages, the others erased."""
+    pages, the others erased; a partition named in images gets that logical
+    image instead, written over its good blocks with the chip's ECC."""
+    images = dict(images or {})
     captured = {p["name"]: p for p in manifest.get("partitions", [])}
     table = capture_file(directory, manifest, "/proc/mtd") or ""
     rows = mtd_rows(table)
@@ -84,22 +86,30 @@ def capture_flash(directory, manifest, workdir):
                            f"{geometry[2]} OOB bytes; the simulated chip has {ERASE_SIZE}, {PAGE_SIZE} and {OOB_SIZE}")
         blocks = size // ERASE_SIZE
         f = Flash(name=name, blocks=blocks, bad=list(p["bad_blocks"]) if p else [])
-        if p and p.get("raw"):
+        if name in images:
+            f.logical = os.path.abspath(images.pop(name))
+            if os.path.getsize(f.logical) > (blocks - len(f.bad)) * ERASE_SIZE:
+                raise SimError(f"{f.logical}: larger than the good blocks of {name}")
+        elif p and p.get("raw"):
             f.raw = os.path.join(workdir, f"{name}.raw")
             good_blocks_raw(os.path.join(directory, p["raw"]), f.raw, blocks, set(f.bad))
         elif p:
             raise SimError(f"{directory}: {name} was captured without its raw pages; the simulated player "
                            "writes raw pages only")
         flash.append(f)
+    if images:
+        raise SimError(f"{directory}: no captured partition {', '.join(sorted(images))}")
     if sum(f.blocks for f in flash) > CHIP_BLOCKS:
         raise SimError(f"{directory}: the partitions need more than the simulated chip's {CHIP_BLOCKS} blocks")
     return flash
 
 
-def scenario_from_capture(directory, name, workdir, expect=None):
+def scenario_from_capture(directory, name, workdir, expect=None, images=None):
     """The player of the capture in directory as a scenario called name
-    (raw files are prepared in workdir). Without expect it is judged on
-    nothing but that it ran (an exploration)."""
+    (raw files are prepared in workdir), with the logical images of images
+    ({partition: file}) in place of those partitions' captured pages.
+    Without expect it is judged on nothing but that it ran (an
+    exploration)."""
     manifest = read_manifest(directory)
     os.makedirs(workdir, exist_ok=True)
     proc = {}
@@ -114,7 +124,7 @@ def scenario_from_capture(directory, name, workdir, expect=None):
     return Scenario(
         name=name, batch="capture", expect=expect or Expect(status=None),
         description=f"the player captured in {directory}",
-        flash=capture_flash(directory, manifest, workdir),
+        flash=capture_flash(directory, manifest, workdir, images),
         proc=proc,
         files={"/etc/veltrix-version": version if version is not None else False},
         net=Net(eth0=(eth0.get("address") or "") if eth0.get("present") else ""),

@@ -3,7 +3,7 @@ against the kernel's own MTD stack.
 
     vxsim run [--arch ARCH] [--build-dir DIR] [--program NAME=PATH]... [--show] SCENARIO...
     vxsim run [--arch ARCH] [--build-dir DIR] [--program NAME=PATH]... --batch NAME
-    vxsim run [--arch ARCH] [--build-dir DIR] --capture DIR [--shell]
+    vxsim run [--arch ARCH] [--build-dir DIR] --capture DIR [--image PARTITION=FILE]... [--shell]
     vxsim run [--arch ARCH] [--build-dir DIR] --explore [--shell] SCENARIO...
     vxsim roundtrip [--arch ARCH] [--build-dir DIR] [--program NAME=PATH]... [SCENARIO...]
     vxsim batches [--arch ARCH]
@@ -140,11 +140,14 @@ def unit_verdict(directory):
 def cmd_run(args, log):
     scenarios, label = select(args)
     build_dir, _ = programs_of(args)
+    if any("=" not in i for i in args.image) or (args.image and len(args.capture) != 1):
+        raise SimError("--image takes PARTITION=FILE, with one --capture")
     for i, directory in enumerate(args.capture):
         name = os.path.basename(os.path.normpath(directory)) or f"capture{i}"
         name = name if re.fullmatch(NAME, name) else f"capture{i}"
         workdir = os.path.join(build_dir, "sim", "captures", name)
-        s = scenario_from_capture(os.path.abspath(directory), name, workdir)
+        images = dict(i.split("=", 1) for i in args.image)
+        s = scenario_from_capture(os.path.abspath(directory), name, workdir, images=images)
         s.expect.files = {"/etc/issue": False}
         log(f"vxsim: {name}: {unit_verdict(directory)}")
         scenarios.append(s)
@@ -232,6 +235,8 @@ def parser():
     run.add_argument("--show", action="store_true", help="print every scenario's output")
     run.add_argument("--capture", action="append", default=[], metavar="DIR",
                      help="play the player a vxtool capture saved in DIR (explored, not judged)")
+    run.add_argument("--image", action="append", default=[], metavar="PARTITION=FILE",
+                     help="with --capture: this logical image (vxtool mkenv, ...) in place of the partition's pages")
     run.add_argument("--explore", action="store_true",
                      help="run without judging [expect]; print what happened")
     run.add_argument("--shell", action="store_true",

@@ -67,6 +67,9 @@ class Flash:
     # each page followed by its OOB bytes), written without ECC; set for a
     # player built from a capture (capture.py), never by a scenario file.
     raw: str | None = None
+    # A logical image (a host file) written over the good blocks with the
+    # chip's ECC, in place of the captured pages (run --capture --image).
+    logical: str | None = None
 
 
 @dataclass

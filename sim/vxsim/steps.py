@@ -125,6 +125,10 @@ def flash_steps(s, setup):
             raw = f"in/{f.name}.raw"
             shutil.copyfile(f.raw, os.path.join(setup.sdir, raw))
             steps.append(f"vx_write_raw {i} {q(raw)}")
+        if f.logical:
+            image = f"in/{f.name}.img"
+            shutil.copyfile(f.logical, os.path.join(setup.sdir, image))
+            steps.append(f"vx_write {i} {q(image)}")
         if f.image:
             image = f"in/{f.name}.img"
             make_image(s.name, f, os.path.join(setup.sdir, image), setup)
