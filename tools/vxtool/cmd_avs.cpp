@@ -59,9 +59,9 @@ int Run(const Arguments& arguments)
     return 0;
 }
 
-const CommandRegistrar reg({"avs", "[--capture DIR | --dump FILE]",
-                            "print the AVS firmware's status from the registers, a capture or a dump of its block",
-                            &Run, nullptr, true});
+const CommandRegistrar reg({"avs", "[--dump FILE]",
+                            "print the AVS firmware's status from the registers or a dump of its block", &Run,
+                            "--capture DIR reads the block of a capture made by vxtool capture.\n", true});
 
 } // namespace
 } // namespace vxtool

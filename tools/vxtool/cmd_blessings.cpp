@@ -67,7 +67,7 @@ int Run(const Arguments& arguments)
     return 0;
 }
 
-const CommandRegistrar reg({"blessings", std::string(CAPTURE_USAGE) + " " +
+const CommandRegistrar reg({"blessings",
                             PartitionUsage(DEVICE_DATA) + " [--secure-id ID | --boardid FILE] " +
                                 PartitionUsage(ENVIRONMENT, "--serial SERIAL"),
                             "list the names granted by the valid blessings of the device data", &Run,

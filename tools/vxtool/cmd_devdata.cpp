@@ -84,7 +84,7 @@ int Run(const Arguments& arguments)
     return 0;
 }
 
-const CommandRegistrar reg({"devdata", std::string(CAPTURE_USAGE) + " " + PartitionUsage(DEVICE_DATA),
+const CommandRegistrar reg({"devdata", PartitionUsage(DEVICE_DATA),
                             "list the chunks of the device-data partition with their integrity", &Run,
                             PARTITION_HELP, true});
 

@@ -101,7 +101,7 @@ int Run(const Arguments& arguments)
     return (variables.empty() && names.empty()) || !missing.empty() ? NOT_FOUND : 0;
 }
 
-const CommandRegistrar reg({"env", std::string(CAPTURE_USAGE) + " " + PartitionUsage(ENVIRONMENT) + " [-n] [NAME...]",
+const CommandRegistrar reg({"env", PartitionUsage(ENVIRONMENT) + " [-n] [NAME...]",
                             "print the boot loader's environment, or the named variables, as KEY=VALUE lines",
                             &Run, PARTITION_HELP, true});
 

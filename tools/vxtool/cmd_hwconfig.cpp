@@ -64,7 +64,7 @@ int Run(const Arguments& arguments)
     return 0;
 }
 
-const CommandRegistrar reg({"hwconfig", std::string(CAPTURE_USAGE) + " " + PartitionUsage(ENVIRONMENT) + " " + PartitionUsage(DEVICE_DATA) +
+const CommandRegistrar reg({"hwconfig", PartitionUsage(ENVIRONMENT) + " " + PartitionUsage(DEVICE_DATA) +
                                             " [--boardid FILE]",
                             "derive the unit's hardware configuration, live or from images", &Run, PARTITION_HELP,
                             true});

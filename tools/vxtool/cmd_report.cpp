@@ -110,7 +110,7 @@ int Run(const Arguments& arguments)
     return RunReportPass(*json);
 }
 
-const CommandRegistrar reg({"report", std::string(CAPTURE_USAGE) + " " +
+const CommandRegistrar reg({"report",
                             PartitionUsage(ENVIRONMENT) + " " + PartitionUsage(DEVICE_DATA) + " " +
                                 PartitionUsage(BOOTLOADER) + " " + PartitionUsage(RESCUE_KERNEL) +
                                 " [--boardid FILE] [--meminfo FILE] [--version-file FILE] [--mem FILE] [--sys DIR]"

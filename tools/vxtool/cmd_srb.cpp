@@ -52,7 +52,7 @@ int Run(const Arguments& arguments)
     return valid && read ? 0 : 1;
 }
 
-const CommandRegistrar reg({"srb", std::string(CAPTURE_USAGE) + " " + PartitionUsage(ENVIRONMENT) + " [--secure-id ID | --boardid FILE]",
+const CommandRegistrar reg({"srb", PartitionUsage(ENVIRONMENT) + " [--secure-id ID | --boardid FILE]",
                             "verify the signed manufacturing record (SRB) of the environment", &Run,
                             PARTITION_HELP, true});
 

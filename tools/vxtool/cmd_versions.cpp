@@ -40,7 +40,7 @@ int Run(const Arguments& arguments)
     return 0;
 }
 
-const CommandRegistrar reg({"versions", std::string(CAPTURE_USAGE) + " " +
+const CommandRegistrar reg({"versions",
                             PartitionUsage(BOOTLOADER) + " " + PartitionUsage(RESCUE_KERNEL) + " " +
                                 PartitionUsage(ENVIRONMENT) + " " + PartitionUsage(DEVICE_DATA) +
                                 " [--boardid FILE] [--version-file FILE]",

@@ -54,8 +54,6 @@ inline constexpr SavedFile SAVED_VERSION_FILE{"--version-file", VERSION_FILE_PAT
 // FILE ...]" (PARTITION_HELP tells the rest), with an alternative to them
 // first when given ("[--serial SERIAL | --env-mtd NAME | ...]").
 std::string PartitionUsage(const Partition& partition, const char* alternative = nullptr);
-// "[--capture DIR]", the first option of every reading command's usage.
-inline constexpr const char* CAPTURE_USAGE = "[--capture DIR]";
 
 // The explanation of the partition options, for a command's --help.
 inline constexpr const char* PARTITION_HELP =
