@@ -48,15 +48,23 @@ def mtd_rows(text):
 
 def good_blocks_raw(source, target, blocks, bad):
     """The raw file of a partition's good blocks only, in order: what
-    nandwrite, which passes over bad blocks, writes back block for block."""
+    nandwrite, which passes over bad blocks, writes back block for block.
+    Erased blocks at its end (every byte 0xff, OOB included) are left out:
+    the erased chip holds them already. Returns the file's size."""
     stride = ERASE_SIZE // PAGE_SIZE * (PAGE_SIZE + OOB_SIZE)
+    erased = b"\xff" * stride
     with open(source, "rb") as src, open(target, "wb") as out:
+        end = 0
         for b in range(blocks):
             chunk = src.read(stride)
             if len(chunk) != stride:
                 raise SimError(f"{source}: ends in block {b} of {blocks}")
             if b not in bad:
                 out.write(chunk)
+                if chunk != erased:
+                    end = out.tell()
+        out.truncate(end)
+    return end
 
 
 def capture_file(directory, manifest, live):
@@ -92,7 +100,8 @@ def capture_flash(directory, manifest, workdir, images=None):
                 raise SimError(f"{f.logical}: larger than the good blocks of {name}")
         elif p and p.get("raw"):
             f.raw = os.path.join(workdir, f"{name}.raw")
-            good_blocks_raw(os.path.join(directory, p["raw"]), f.raw, blocks, set(f.bad))
+            if not good_blocks_raw(os.path.join(directory, p["raw"]), f.raw, blocks, set(f.bad)):
+                f.raw = None  # erased: nothing to write
         elif p:
             raise SimError(f"{directory}: {name} was captured without its raw pages; the simulated player "
                            "writes raw pages only")

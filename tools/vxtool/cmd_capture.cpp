@@ -49,6 +49,10 @@ public:
         if (!::mkdtemp(name.data()))
             throw corvid::ErrnoException(errno, parent.string());
         m_path = name;
+        // mkdtemp's 0700 is for the staging only: a capture is to be shared.
+        const mode_t mask = ::umask(0);
+        ::umask(mask);
+        ::chmod(m_path.c_str(), 0755 & ~mask);
     }
     ~StagingDir()
     {
@@ -182,6 +186,7 @@ CapturedPartition CapturePartition(const MtdPartition& row, std::size_t index, c
     const std::size_t pages = p.write_size ? p.erase_size / p.write_size : 0;
     std::vector<unsigned char> block(p.erase_size);
     std::vector<unsigned char> oob(p.oob_size);
+    const bool terminal = ::isatty(STDERR_FILENO) == 1;
     const double started = Seconds();
     double reported = started;
     for (std::size_t b = 0; b < blocks; ++b) {
@@ -202,10 +207,13 @@ CapturedPartition CapturePartition(const MtdPartition& row, std::size_t index, c
         }
         const double now = Seconds();
         if (now - started > 1.0 && now - reported >= 1.0) {
-            fmt::print(stderr, "capture: {}: {} of {} blocks\n", p.name, b + 1, blocks);
+            // On a terminal one line, rewritten; in a log a line a second.
+            fmt::print(stderr, "capture: {}: {} of {} blocks{}", p.name, b + 1, blocks, terminal ? "\r" : "\n");
             reported = now;
         }
     }
+    if (terminal && reported != started)
+        fmt::print(stderr, "capture: {}: {} of {} blocks\n", p.name, blocks, blocks);
     image.Close();
     if (raw_file)
         raw_file->Close();
