@@ -118,6 +118,12 @@ LinuxNandAccessImpl::LinuxNandAccessImpl(const MtdPartition& partition)
 {
 }
 
+void LinuxNandAccessImpl::UseRawMode()
+{
+    if (::ioctl(m_fd.Get(), MTDFILEMODE, MTD_FILE_MODE_RAW) != 0)
+        throw corvid::ErrnoException(errno);
+}
+
 int LinuxNandAccessImpl::ReadOob(std::uint64_t offset, void* buffer, std::size_t length)
 {
     mtd_oob_buf request{};

@@ -73,6 +73,11 @@ public:
     std::size_t Read(std::uint64_t offset, void* buffer, std::size_t length) override;
     void Write(std::uint64_t offset, const void* buffer, std::size_t length) override;
 
+    // From now on Read and ReadOob return the pages and OOB bytes as the chip
+    // holds them, without ECC correction (the MTD file mode MTD_FILE_MODE_RAW).
+    // Throws ErrnoException(errno) when the kernel refuses.
+    void UseRawMode();
+
 private:
     void SeekTo(std::uint64_t offset, const char* operation);
 

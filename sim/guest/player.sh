@@ -197,6 +197,15 @@ vx_write() {
     chroot "$ROOT" /usr/sbin/nandwrite -q -p "/dev/mtd$1" "/run/vxsim/scenario/$2"
 }
 
+# vx_write_raw INDEX RAW: writes RAW (a path below the scenario directory:
+# pages of 2048 bytes each followed by its 64 OOB bytes, as captured) from
+# the start of partition INDEX over its good blocks, without ECC: the pages
+# and their OOB bytes, the ECC bytes among them, land as the unit's flash
+# held them, so the chip's ECC sees what the unit's saw.
+vx_write_raw() {
+    chroot "$ROOT" /usr/sbin/nandwrite -q -n -o "/dev/mtd$1" "/run/vxsim/scenario/$2"
+}
+
 # vx_flip INDEX PAGE BYTE: a bit flip in page PAGE of partition INDEX: the
 # lowest set bit of the first non-zero byte from BYTE is cleared by a raw
 # write of the page with its out-of-band bytes as they are (NAND programming
@@ -485,6 +494,31 @@ vx_collect() {
             stat -c %a "$ROOT$p" > "$SC/out/files$p.mode"
         fi
     done
+}
+
+# vx_capture VXTOOL PARTITIONS: captures the scenario's player with vxtool
+# (the partitions named, comma-separated) into out/capture, after the
+# program ran.
+vx_capture() {
+    chroot "$ROOT" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root \
+        "$1" capture -o /run/vxsim/scenario/out/capture --partitions "$2" < /dev/null
+}
+
+# vx_shell VXTOOL: an interactive shell in the scenario's root on the
+# second serial port (the terminal of the person who ran the runner), after
+# the program ran: its outputs in /run/vxsim/scenario/out, the MTD devices
+# and vxtool at hand. The boot goes on when the shell exits.
+vx_shell() {
+    cat > "$ROOT/run/vxsim/shellrc" <<END
+PS1='player:\w# '
+alias vxtool='$1'
+cd /run/vxsim/scenario/out
+echo "vxsim: the program ended with status \$(cat status); its output is here (stdout, stderr)."
+echo "vxsim: flash: \$(ls /dev/mtd[0-9]* 2>/dev/null | grep -v ro | tr '\n' ' ')- vxtool is $1"
+echo "vxsim: leave the shell (exit or Ctrl-D) to power the player off."
+END
+    setsid -c chroot "$ROOT" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root TERM=linux \
+        /bin/bash --rcfile /run/vxsim/shellrc -i <> /dev/ttyS1 >&0 2>&1
 }
 
 # vx_end NAME: stops the event device's server if a failed step left it

@@ -71,13 +71,25 @@ class ScenarioTest(unittest.TestCase):
             write(d, {"base": 'description = "base"\nbatch = "a"\n[boot]\nmemory = "512M"\n'
                               'cmdline = "vx.debug"\n[proc]\nboardid = "b"\n'
                               '[expect]\nstatus = 0\nstderr = ["x", "y"]\n',
-                      "derived": 'batch = "b"\nbase = "base"\n[boot]\nmemory = "200M"\n'
+                      "derived": 'batch = "b"\nbase = "./base.toml"\n[boot]\nmemory = "200M"\n'
                                  '[expect]\nstatus = 1\nstderr = ["z"]\n'})
             s = load_scenario(os.path.join(d, "derived.toml"))
         self.assertEqual((s.name, s.batch, s.description), ("derived", "b", ""))
         self.assertEqual((s.boot.memory, s.boot.cmdline), ("200M", "vx.debug"))
         self.assertEqual(s.proc, {"boardid": "b"})
         self.assertEqual((s.expect.status, s.expect.stderr, s.expect.stdout), (1, ["z"], None))
+
+    def test_a_base_is_named_or_given_by_a_path_relative_to_the_file(self):
+        with tempfile.TemporaryDirectory() as d:
+            os.mkdir(os.path.join(d, "sub"))
+            write(d, {"healthy": 'batch = "local"\n[expect]\nstatus = 9\n',
+                      "by-name": 'batch = "x"\nbase = "healthy"\n',
+                      "sub/by-path": 'batch = "x"\nbase = "../healthy.toml"\n'})
+            by_name = load_scenario(os.path.join(d, "by-name.toml"))
+            by_path = load_scenario(os.path.join(d, "sub", "by-path.toml"))
+        # The name is sim/scenarios' healthy player, not the file beside it.
+        self.assertEqual([f.name for f in by_name.flash][:2], ["flash0.nvram", "flash0.devid"])
+        self.assertEqual((by_name.expect.status, by_path.expect.status, by_path.flash), (0, 9, []))
 
     def test_partitions_merge_by_name(self):
         part = lambda name, blocks, **more: dict(name=name, blocks=blocks, **more)
@@ -97,19 +109,19 @@ class BatchTest(unittest.TestCase):
     def test_each_file_names_its_batch_which_is_not_inherited(self):
         with tempfile.TemporaryDirectory() as d:
             write(d, {"a": 'batch = "x"\n[expect]\nstatus = 0\n',
-                      "b": 'batch = "y"\nbase = "a"\n',
-                      "c": 'batch = "x"\nbase = "a"\n'})
+                      "b": 'batch = "y"\nbase = "./a.toml"\n',
+                      "c": 'batch = "x"\nbase = "./a.toml"\n'})
             batches = load_batches(d)
             self.assertEqual({k: [s.name for s in v] for k, v in batches.items()},
                              {"x": ["a", "c"], "y": ["b"]})
-            write(d, {"d": 'base = "a"\n'})
+            write(d, {"d": 'base = "./a.toml"\n'})
             with self.assertRaisesRegex(SimError, "^d: batch is missing"):
                 load_batches(d)
 
     def test_architectures_select_batches_and_are_a_files_own(self):
         with tempfile.TemporaryDirectory() as d:
             write(d, {"a": 'batch = "x"\narchitectures = ["amd64"]\n[expect]\nstatus = 0\n',
-                      "b": 'batch = "x"\nbase = "a"\n'})
+                      "b": 'batch = "x"\nbase = "./a.toml"\n'})
             self.assertEqual([s.name for s in load_batches(d, "arm64")["x"]], ["b"])
             self.assertEqual([s.name for s in load_batches(d, "amd64")["x"]], ["a", "b"])
             write(d, {"c": 'batch = "x"\narchitectures = ["riscv64"]\n'})

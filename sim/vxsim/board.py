@@ -100,13 +100,14 @@ class Board:
         # check may map it.
         return "maxcpus=1 iomem=relaxed"
 
-    def qemu_command(self, memory, cmdline, kernel, rundir, layers=(), disk=None):
+    def qemu_command(self, memory, cmdline, kernel, rundir, layers=(), disk=None, shell=False):
         """The qemu command line of a boot; the layers of the scenario roots
         are shared read-only as layer0, layer1, ... (overlayfs takes no
         layer inside another, so they cannot come through the host's root).
         A systemd boot has its disk (the root's writable layer, /dev/vda),
         and its player names its port eth0 (no predictable names) and runs
-        no login prompt on the console."""
+        no login prompt on the console. With shell, a second serial port
+        (ttyS1) is the terminal qemu runs on, for the guest's shell."""
         systemd = "net.ifnames=0 systemd.getty_auto=0" if disk else ""
         append = (f"console={self.console} panic=-1 quiet loglevel=4 mitigations=off "
                   f"{self.kernel_args()} {systemd} {cmdline}").strip()
@@ -123,7 +124,8 @@ class Board:
                 "-virtfs", f"local,path={rundir},mount_tag=vxsim,security_model=none",
                 *[a for i, layer in enumerate(layers) for a in (
                     "-virtfs", f"local,path={layer},mount_tag=layer{i},security_model=none,readonly=on")],
-                *(["-drive", f"file={disk},if=virtio,format=raw"] if disk else [])]
+                *(["-drive", f"file={disk},if=virtio,format=raw"] if disk else []),
+                *(["-chardev", "stdio,id=shell,signal=off", "-serial", "chardev:shell"] if shell else [])]
 
     def adapt(self, scenario):
         """The scenario as this board can play it: on arm64 the AVS block

@@ -260,7 +260,7 @@ def prepare_boot(scenarios, moddir, programs, rundir, board, userland, boot=1):
         f.write(batch_script(named, len(userland.layers), systemd))
 
 
-def run_boots(scenarios, kernel, programs, rundir, timeout, log, board, userland):
+def run_boots(scenarios, kernel, programs, rundir, timeout, log, board, userland, shell=False):
     """Boots the guest for scenarios that share their [boot] table: once,
     or for a systemd boot as often as its scenario asks, each boot's results
     set aside in the scenario's directory as boot.N. Returns {name: [Result
@@ -268,7 +268,7 @@ def run_boots(scenarios, kernel, programs, rundir, timeout, log, board, userland
     results = {s.name: [] for s in scenarios}
     for boot in range(1, boots(scenarios) + 1):
         for name, result in run_boot(scenarios, kernel, programs, rundir, timeout, log, board, userland,
-                                     boot).items():
+                                     boot, shell).items():
             results[name].append(result)
             out = os.path.join(rundir, name, "out")
             if boots(scenarios) > 1 and os.path.isdir(out):
@@ -276,22 +276,27 @@ def run_boots(scenarios, kernel, programs, rundir, timeout, log, board, userland
     return results
 
 
-def run_boot(scenarios, kernel, programs, rundir, timeout, log, board, userland, boot=1):
+def run_boot(scenarios, kernel, programs, rundir, timeout, log, board, userland, boot=1, shell=False):
     """Boots the board's guest once for scenarios that share their [boot] table;
     returns {name: Result or None} and logs the boot's timing, and the end
     of the guest's logs when the boot failed. Without a timeout the boot
-    may take boot_timeout(scenarios) seconds."""
+    may take boot_timeout(scenarios) seconds. With shell, the guest's shell
+    runs on this process's terminal, for as long as a person uses it."""
     vmlinux, moddir = kernel
     timeout = timeout or boot_timeout(scenarios)
     prepare_boot(scenarios, moddir, programs, rundir, board, userland, boot)
     memory, cmdline = scenarios[0].boot_key()[:2]
     systemd = scenarios[0].systemd is not None
     command = board.qemu_command(memory, cmdline, vmlinux, rundir, userland.layers,
-                                 os.path.join(rundir, DISK_NAME) if systemd else None)
+                                 os.path.join(rundir, DISK_NAME) if systemd else None, shell)
     start = time.monotonic()
     try:
-        p = subprocess.run(command, capture_output=True, text=True, timeout=timeout)
-        qemu_error = p.stderr.strip() if p.returncode != 0 else ""
+        if shell:
+            p = subprocess.run(command)
+            qemu_error = f"qemu ended with status {p.returncode}" if p.returncode != 0 else ""
+        else:
+            p = subprocess.run(command, capture_output=True, text=True, timeout=timeout)
+            qemu_error = p.stderr.strip() if p.returncode != 0 else ""
     except subprocess.TimeoutExpired:
         qemu_error = f"the guest did not finish within {timeout} s"
     wall = time.monotonic() - start

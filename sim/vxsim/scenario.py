@@ -63,6 +63,13 @@ class Flash:
     # in a raw write that leaves the page's ECC as it was, which is a bit flip
     # the chip's ECC corrects (one per 256 bytes).
     bit_flips: list[str] = field(default_factory=list)
+    # A capture's raw contents of the partition's good blocks (a host file:
+    # each page followed by its OOB bytes), written without ECC; set for a
+    # player built from a capture (capture.py), never by a scenario file.
+    raw: str | None = None
+    # A logical image (a host file) written over the good blocks with the
+    # chip's ECC, in place of the captured pages (run --capture --image).
+    logical: str | None = None
 
 
 @dataclass
@@ -224,6 +231,12 @@ class Scenario:
     systemd: Systemd | None = None  # None: the program runs by itself, no init system
     # The players the scenario runs on; a file's own, never inherited.
     architectures: tuple[str, ...] = ARCHITECTURES
+    # After the program: vxtool captures the player, these partitions, into
+    # out/capture (the round trip of capture.py); None: no capture.
+    capture: list[str] | None = None
+    # After the program: a shell on the guest's second serial port, the
+    # terminal of the person who asked for it (sim/run-player --shell).
+    shell: bool = False
 
     def boot_key(self):
         """Scenarios with equal keys can share one boot; a systemd boot is
@@ -681,9 +694,13 @@ def read_scenario_data(path, seen=()):
     if base is None:
         return data
     if not isinstance(base, str):
-        raise SimError(f"{path}: base must be a scenario name")
+        raise SimError(f"{path}: base must be a scenario name or a path")
+    # A name is a scenario of sim/scenarios wherever the file is; a path
+    # ("../mine.toml", "./base.toml") is relative to the file.
     if os.sep not in base and not base.endswith(".toml"):
-        base = os.path.join(os.path.dirname(path), base + ".toml")
+        base = os.path.join(SCENARIO_DIR, base + ".toml")
+    else:
+        base = os.path.join(os.path.dirname(path), base)
     inherited = read_scenario_data(base, seen + (path,))
     for own in ("description", "batch", "architectures"):
         inherited.pop(own, None)

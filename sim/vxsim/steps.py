@@ -121,6 +121,14 @@ def flash_steps(s, setup):
     steps = []
     for i, f in enumerate(s.flash):
         steps.append(f"vx_erase {i}")
+        if f.raw:
+            raw = f"in/{f.name}.raw"
+            shutil.copyfile(f.raw, os.path.join(setup.sdir, raw))
+            steps.append(f"vx_write_raw {i} {q(raw)}")
+        if f.logical:
+            image = f"in/{f.name}.img"
+            shutil.copyfile(f.logical, os.path.join(setup.sdir, image))
+            steps.append(f"vx_write {i} {q(image)}")
         if f.image:
             image = f"in/{f.name}.img"
             make_image(s.name, f, os.path.join(setup.sdir, image), setup)
@@ -234,6 +242,18 @@ def collect_steps(s, setup):
     return ["vx_collect " + " ".join(q(p) for p in collect)] if collect else []
 
 
+def capture_steps(s, setup):
+    """vxtool's capture of the player after the program ran."""
+    if s.capture is None:
+        return []
+    return [f"vx_capture {q(setup.programs['vxtool'])} {q(','.join(s.capture))}"]
+
+
+def shell_steps(s, setup):
+    """A shell for a person at the terminal, once the program has run."""
+    return [f"vx_shell {q(setup.programs.get('vxtool', ''))}"] if s.shell else []
+
+
 def fault_steps(s, setup):
     """The fault sweep, after the run and its files are collected: the
     program with the injector loaded, once per call of each kind. The event
@@ -257,7 +277,7 @@ def fault_steps(s, setup):
 
 
 STEPS = [root_steps, chip_steps, proc_steps, flash_steps, net_steps, gpio_steps, avs_steps, install_steps,
-         run_steps, collect_steps, fault_steps]
+         run_steps, collect_steps, capture_steps, fault_steps, shell_steps]
 
 
 # A systemd boot: the virtual disk that holds its root's writable layer, and
@@ -366,7 +386,7 @@ def programs_used(scenarios):
     vxevdev when any has an event device, the fault injector when any
     has a fault sweep and the package directory when any installs one."""
     used = {s.run.program for s in scenarios if not s.run.program.startswith("/")}
-    if any(f.image for s in scenarios for f in s.flash):
+    if any(f.image for s in scenarios for f in s.flash) or any(s.capture is not None for s in scenarios):
         used.add("vxtool")
     if any(s.input for s in scenarios):
         used.add("vxevdev")

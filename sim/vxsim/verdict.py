@@ -361,53 +361,77 @@ def judge(scenario, result, boot=1):
     return diffs
 
 
+def show_result(s, result, log, diffs=()):
+    """Prints what the program left: its output, the event device's writes,
+    the splash, the files, the status."""
+    for stream in ("stdout", "stderr"):
+        text = getattr(result, stream)
+        if text:
+            log(f"  --- {stream} ---")
+            for line in text.rstrip("\n").split("\n"):
+                log("  | " + line)
+        elif stream == "stderr":
+            log("  --- stderr: empty ---")
+    if result.device_log is not None:
+        log(f"  --- event device: {device_summary(result.device_log, epoch_of(s))} ---")
+    if result.splash is not None:
+        log(f"  --- splash: {result.splash!r} ---")
+    if result.memcheck is not None:
+        summary = [line.split("== ", 1)[-1] for line in result.memcheck.split("\n")
+                   if re.search(r"FILE DESCRIPTORS|in use at exit|definitely lost|ERROR SUMMARY", line)]
+        log(f"  --- memcheck: {'; '.join(summary)} ---")
+    for path, content in sorted(result.files.items()):
+        log(f"  --- {path} (mode {result.modes.get(path, '?')}): {content!r} ---")
+    if result.systemd is not None:
+        sd = result.systemd
+        log(f"  --- systemd: {sd.state or 'no state'}; units: " + "; ".join(
+            f"{u} {p.get('ActiveState')}/{p.get('SubState')}" for u, p in sd.units.items()) + " ---")
+        if sd.script:
+            log("  --- script ---\n" + "".join(f"  | {line}\n" for line in sd.script.rstrip("\n").split("\n")))
+        if diffs:
+            log("  --- journal (end) ---\n" + "".join(
+                f"  | {line}\n" for line in sd.journal_log.rstrip("\n").split("\n")[-60:]))
+    status = result.status if result.status is not None else "unknown"
+    log(f"  --- exit status {status} ---")
+
+
+def did_not_run(s, name, rundir, log):
+    log(f"FAIL {name}: the scenario did not run")
+    try:
+        with open(os.path.join(rundir, s.name, "setup.log"), errors="replace") as f:
+            log("  setup: " + f.read().strip().replace("\n", "\n  setup: "))
+    except OSError:
+        pass
+    return False
+
+
+def explore(s, result, rundir, log, boot=1):
+    """Prints what happened in one scenario (of its boot number boot)
+    without judging it; returns False only when it did not run."""
+    name = s.name + (f" (boot {boot} of {s.systemd.boots})" if s.systemd and s.systemd.boots > 1 else "")
+    if result is None:
+        return did_not_run(s, name, rundir, log)
+    took = f" ({result.seconds:.2f} s)" if result.seconds is not None else ""
+    log(f"RAN {name}{took}")
+    show_result(s, result, log)
+    if result.steps_failed is not None:
+        log("  a step after the program failed:\n  " + result.steps_failed.replace("\n", "\n  "))
+    return True
+
+
 def report(s, result, rundir, show, log, boot=1):
     """Prints the verdict of one scenario (of its boot number boot);
     returns True when it passed."""
     name = s.name + (f" (boot {boot} of {s.systemd.boots})" if s.systemd and s.systemd.boots > 1 else "")
     if result is None:
-        log(f"FAIL {name}: the scenario did not run")
-        try:
-            with open(os.path.join(rundir, s.name, "setup.log"), errors="replace") as f:
-                log("  setup: " + f.read().strip().replace("\n", "\n  setup: "))
-        except OSError:
-            pass
-        return False
+        return did_not_run(s, name, rundir, log)
     diffs = judge(s, result, boot)
     took = f" ({result.seconds:.2f} s)" if result.seconds is not None else ""
     log(f"{'PASS' if not diffs else 'FAIL'} {name}{took}")
     for d in diffs:
         log("  " + d.replace("\n", "\n  "))
     if show or diffs:
-        for stream in ("stdout", "stderr"):
-            text = getattr(result, stream)
-            if text:
-                log(f"  --- {stream} ---")
-                for line in text.rstrip("\n").split("\n"):
-                    log("  | " + line)
-            elif stream == "stderr":
-                log("  --- stderr: empty ---")
-        if result.device_log is not None:
-            log(f"  --- event device: {device_summary(result.device_log, epoch_of(s))} ---")
-        if result.splash is not None:
-            log(f"  --- splash: {result.splash!r} ---")
-        if result.memcheck is not None:
-            summary = [line.split("== ", 1)[-1] for line in result.memcheck.split("\n")
-                       if re.search(r"FILE DESCRIPTORS|in use at exit|definitely lost|ERROR SUMMARY", line)]
-            log(f"  --- memcheck: {'; '.join(summary)} ---")
-        for path, content in sorted(result.files.items()):
-            log(f"  --- {path} (mode {result.modes.get(path, '?')}): {content!r} ---")
-        if result.systemd is not None:
-            sd = result.systemd
-            log(f"  --- systemd: {sd.state or 'no state'}; units: " + "; ".join(
-                f"{u} {p.get('ActiveState')}/{p.get('SubState')}" for u, p in sd.units.items()) + " ---")
-            if sd.script:
-                log("  --- script ---\n" + "".join(f"  | {line}\n" for line in sd.script.rstrip("\n").split("\n")))
-            if diffs:
-                log("  --- journal (end) ---\n" + "".join(
-                    f"  | {line}\n" for line in sd.journal_log.rstrip("\n").split("\n")[-60:]))
-        status = result.status if result.status is not None else "unknown"
-        log(f"  --- exit status {status} ---")
+        show_result(s, result, log, diffs)
     if result.faults is not None:
         log(f"  --- fault sweep: {len(result.faults.runs)} runs, one call failed in each ---")
         for line in fault_table(result.faults, result.stderr):

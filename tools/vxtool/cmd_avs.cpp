@@ -5,27 +5,40 @@
 
 #include <fmt/format.h>
 
+#include "capture.h"
 #include "command.h"
 #include "hardware/mmio.h"
 #include "json_answer.h"
 #include "platform/binary_fields.h"
 #include "platform/posix_helpers.h"
+#include "source.h"
 
 namespace vxtool {
 namespace {
 
 // The thirteen values, "KEY=VALUE" a line in key order: read from the live
-// register block, or from --dump FILE, the block's 72 bytes as the
+// register block, from a capture's, or from --dump FILE, the block's 72 bytes as the
 // registers hold them (18 little-endian words).
 int Run(const Arguments& arguments)
 {
     Arguments args = arguments;
-    std::string dump;
+    std::string dump, capture;
     const bool from_dump = TakeOption(args, "--dump", dump);
+    const bool from_capture = TakeOption(args, "--capture", capture);
+    if (from_capture && from_dump)
+        throw CaptureExcludes("--dump");
     ExpectNoMoreArguments(args);
 
     std::map<std::string, std::string> status;
-    if (from_dump) {
+    if (from_capture) {
+        const nlohmann::json avs = ReadManifest(capture).value("avs", nlohmann::json());
+        if (!avs.is_array() || avs.size() != AVS_STATUS_WORDS)
+            throw std::runtime_error(fmt::format("{}: the capture holds no AVS status block", capture));
+        AvsStatusWords words;
+        for (std::size_t i = 0; i < words.size(); ++i)
+            words[i] = avs.at(i).get<std::uint32_t>();
+        status = ConvertAvsStatus(words);
+    } else if (from_dump) {
         const std::string bytes = corvid::ReadWholeFile(dump);
         if (bytes.size() != 4 * AVS_STATUS_WORDS)
             throw std::runtime_error(fmt::format("{}: {} bytes, not the {} of an AVS status block", dump,
@@ -47,8 +60,8 @@ int Run(const Arguments& arguments)
 }
 
 const CommandRegistrar reg({"avs", "[--dump FILE]",
-                            "print the AVS firmware's status from the registers or a dump of its block",
-                            &Run, nullptr, true});
+                            "print the AVS firmware's status from the registers or a dump of its block", &Run,
+                            "--capture DIR reads the block of a capture made by vxtool capture.\n", true});
 
 } // namespace
 } // namespace vxtool

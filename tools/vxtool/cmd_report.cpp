@@ -17,25 +17,12 @@
 #include "hardware/hardware_config.h"
 #include "hardware/vx_device_data.h"
 #include "json_answer.h"
+#include "report.h"
 #include "source.h"
 #include "tool_context.h"
 
 namespace vxtool {
 namespace {
-
-corvid::HardwareAddress ParseAddress(const std::string& text)
-{
-    corvid::HardwareAddress mac{};
-    unsigned int octets[6];
-    char end = 0;
-    if (std::sscanf(text.c_str(), "%2x:%2x:%2x:%2x:%2x:%2x%c", &octets[0], &octets[1], &octets[2], &octets[3],
-                    &octets[4], &octets[5], &end) != 6 ||
-        text.size() != 17)
-        throw UsageError(fmt::format("--eth0-address: expected an address like 02:00:00:00:00:01, got '{}'", text));
-    for (std::size_t i = 0; i < mac.size(); ++i)
-        mac[i] = static_cast<std::uint8_t>(octets[i]);
-    return mac;
-}
 
 // The options of the saved files report reads, and what they stand for.
 const SavedFile SAVED_MEMINFO{"--meminfo", "/proc/meminfo"};
@@ -80,17 +67,32 @@ int Run(const Arguments& arguments)
         (partitions.Named(partition) ? saved : live).push_back(fmt::format("--{}-image", partition.prefix));
     for (const SavedFile& file : file_list)
         (TakeSavedFile(args, file) ? saved : live).push_back(file.option);
-    if (TakeOption(args, "--sys", value)) {
+    // The /sys tree and the interface address stand in for the live ones.
+    const auto take_saved = [&](const char* option) {
+        if (!TakeOption(args, option, value))
+            return false;
+        if (partitions.FromCapture())
+            throw CaptureExcludes(option);
+        saved.push_back(option);
+        return true;
+    };
+    if (take_saved("--sys"))
         context.UseTree("/sys", value);
-        saved.push_back("--sys");
-    } else {
+    else
         live.push_back("--sys");
-    }
-    if (TakeOption(args, "--eth0-address", value)) {
-        context.UseInterfaceAddress(ETHERNET_INTERFACE, ParseAddress(value));
-        saved.push_back("--eth0-address");
+    if (take_saved("--eth0-address")) {
+        const auto mac = ParseHardwareAddress(value);
+        if (!mac)
+            throw UsageError(
+                fmt::format("--eth0-address: expected an address like 02:00:00:00:00:01, got '{}'", value));
+        context.UseInterfaceAddress(ETHERNET_INTERFACE, *mac);
     } else {
         live.push_back("--eth0-address");
+    }
+    if (partitions.FromCapture()) {
+        if (live_others)
+            throw CaptureExcludes("--live-others");
+        live.clear();
     }
     ExpectNoMoreArguments(args);
     if (!saved.empty() && !live.empty() && !live_others)
@@ -105,7 +107,21 @@ int Run(const Arguments& arguments)
         return RunChecks([] { RunStartupPass([](const std::string& banner) { fmt::print("{}", banner); }); },
                          [](ErrorLedPattern pattern) { fmt::print("blink code {}\n", int(pattern)); });
     }
-    nlohmann::json& answer = *json;
+    return RunReportPass(*json);
+}
+
+const CommandRegistrar reg({"report",
+                            PartitionUsage(ENVIRONMENT) + " " + PartitionUsage(DEVICE_DATA) + " " +
+                                PartitionUsage(BOOTLOADER) + " " + PartitionUsage(RESCUE_KERNEL) +
+                                " [--boardid FILE] [--meminfo FILE] [--version-file FILE] [--mem FILE] [--sys DIR]"
+                                " [--eth0-address MAC] [--live-others]",
+                            "run the start-up check's pass and print its report, live or from saved data", &Run,
+                            PARTITION_HELP, true});
+
+} // namespace
+
+int RunReportPass(nlohmann::json& answer)
+{
     answer = {{"summary", nullptr}, {"avs", nullptr}, {"banner", nullptr}};
     BootReport report;
     report.summary = [&answer](const BootSummary& summary) { answer["summary"] = SummaryJson(summary); };
@@ -124,13 +140,4 @@ int Run(const Arguments& arguments)
     return status;
 }
 
-const CommandRegistrar reg({"report",
-                            PartitionUsage(ENVIRONMENT) + " " + PartitionUsage(DEVICE_DATA) + " " +
-                                PartitionUsage(BOOTLOADER) + " " + PartitionUsage(RESCUE_KERNEL) +
-                                " [--boardid FILE] [--meminfo FILE] [--version-file FILE] [--mem FILE] [--sys DIR]"
-                                " [--eth0-address MAC] [--live-others]",
-                            "run the start-up check's pass and print its report, live or from saved data", &Run,
-                            PARTITION_HELP, true});
-
-} // namespace
 } // namespace vxtool

@@ -1,10 +1,12 @@
 #include "source.h"
 
+#include <cstdio>
 #include <string_view>
 #include <utility>
 
 #include <fmt/format.h>
 
+#include "capture.h"
 #include "hardware/nand_image_access.h"
 #include "tool_context.h"
 
@@ -22,6 +24,24 @@ std::set<std::size_t> ParseBlockList(const std::string& option, const std::strin
             return blocks;
         start = comma + 1;
     }
+}
+
+UsageError CaptureExcludes(const std::string& option)
+{
+    return UsageError(fmt::format("--capture and {} exclude each other: a capture holds every source", option));
+}
+
+std::optional<corvid::HardwareAddress> ParseHardwareAddress(const std::string& text)
+{
+    corvid::HardwareAddress mac{};
+    unsigned int octets[6];
+    char end = 0;
+    if (text.size() != 17 || std::sscanf(text.c_str(), "%2x:%2x:%2x:%2x:%2x:%2x%c", &octets[0], &octets[1],
+                                         &octets[2], &octets[3], &octets[4], &octets[5], &end) != 6)
+        return std::nullopt;
+    for (std::size_t i = 0; i < mac.size(); ++i)
+        mac[i] = static_cast<std::uint8_t>(octets[i]);
+    return mac;
 }
 
 std::string PartitionUsage(const Partition& partition, const char* alternative)
@@ -50,10 +70,18 @@ struct Spelling {
     bool Given() const { return have_mtd || have_image || have_erase_size || have_write_size || have_bad_blocks; }
 };
 
+// The capture this command line named, for the saved files' options.
+bool s_capture_named = false;
+
 } // namespace
 
 PartitionOptions::PartitionOptions(Arguments& args, std::initializer_list<Partition> partitions, const Partition* own)
 {
+    if (TakeOption(args, "--capture", m_capture)) {
+        if (m_capture.empty())
+            throw UsageError("--capture needs a directory");
+        s_capture_named = true;
+    }
     for (const Partition& partition : partitions) {
         Spelling given(args, fmt::format("--{}-", partition.prefix));
         if (own && std::string_view(own->name) == partition.name) {
@@ -66,6 +94,8 @@ PartitionOptions::PartitionOptions(Arguments& args, std::initializer_list<Partit
         }
         if (!given.Given())
             continue;
+        if (FromCapture())
+            throw CaptureExcludes(given.have_image ? given.Name("image") : given.Name("mtd"));
         const auto name = [&given](const char* option) { return given.Name(option); };
 
         Source source;
@@ -108,6 +138,10 @@ PartitionOptions::PartitionOptions(Arguments& args, std::initializer_list<Partit
             source.bad_blocks = ParseBlockList(name("bad-blocks"), given.bad_blocks);
         m_named.push_back(std::move(source));
     }
+    // At once: what a command reads while it takes its other options (the
+    // Secure ID of /proc/boardid) comes from the capture too.
+    if (FromCapture())
+        UseCapture(m_capture);
 }
 
 bool PartitionOptions::Named(const Partition& partition) const
@@ -132,6 +166,8 @@ const PartitionOptions::Source* PartitionOptions::Find(const Partition& partitio
 
 void PartitionOptions::Use() const
 {
+    if (FromCapture())
+        return; // in place since the options were read
     // All opened before any is put in place: --devdata-mtd flash0.nvram
     // means the live flash0.nvram, whatever --env-... names.
     ToolContext& context = ToolContext::Get();
@@ -150,6 +186,8 @@ bool TakeSavedFile(Arguments& args, const SavedFile& file)
     std::string path;
     if (!TakeOption(args, file.option, path))
         return false;
+    if (s_capture_named)
+        throw CaptureExcludes(file.option);
     ToolContext::Get().UseFile(file.live_path, path);
     return true;
 }

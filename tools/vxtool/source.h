@@ -7,6 +7,8 @@
 //                    order, bad ones included, no OOB; --P-write-size
 //                    defaults to 2048, --P-bad-blocks lists erase-block indexes
 // and a saved file by its own option ("--boardid FILE" for /proc/boardid).
+// "--capture DIR" names a capture made by "vxtool capture" (capture.h) in
+// place of every live source at once; no other source goes with it.
 // Either is put in place of the live one in vxtool's context, so that the
 // library's own code reads it as it reads the player's. Without them a
 // command reads the live partition or file. A command that has a partition
@@ -16,6 +18,7 @@
 
 #include <cstddef>
 #include <initializer_list>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -25,6 +28,7 @@
 #include "hardware/bootloader_environment.h"
 #include "hardware/firmware_versions.h"
 #include "hardware/vx_device_data.h"
+#include "platform/posix_helpers.h"
 
 namespace vxtool {
 
@@ -53,7 +57,8 @@ std::string PartitionUsage(const Partition& partition, const char* alternative =
 
 // The explanation of the partition options, for a command's --help.
 inline constexpr const char* PARTITION_HELP =
-    "Each partition is read live unless --P-mtd NAME (another MTD partition) or\n"
+    "--capture DIR reads everything from a capture made by vxtool capture, and\n"
+    "nothing from this machine. Otherwise each partition is read live unless --P-mtd NAME (another MTD partition) or\n"
     "--P-image FILE --P-erase-size BYTES [--P-write-size BYTES] [--P-bad-blocks N,N,...]\n"
     "(a raw dump) names what to read in its place; P is env, devdata, bolt or rescue.\n"
     "env, srb, devdata and blessings also take their own partition's options without\n"
@@ -68,13 +73,16 @@ public:
     // of the device-data partition must have the player's 2048-byte pages.
     PartitionOptions(Arguments& args, std::initializer_list<Partition> partitions, const Partition* own = nullptr);
 
+    // Whether the command line named a capture.
+    bool FromCapture() const { return !m_capture.empty(); }
     // Whether the command line named the partition; whether as an image.
     bool Named(const Partition& partition) const;
     bool FromImage(const Partition& partition) const;
 
     // Opens each named partition and puts it in place of the live one in
     // vxtool's context; the command then opens every partition through the
-    // context, as the player does.
+    // context, as the player does. A capture is put in place by the
+    // constructor already.
     void Use() const;
 
 private:
@@ -89,14 +97,22 @@ private:
     const Source* Find(const Partition& partition) const;
 
     std::vector<Source> m_named;
+    std::string m_capture;
 };
 
 // Takes the option of a saved file out of args and, when it is given, puts
 // the file in place of the live one in vxtool's context; returns whether it
-// was given.
+// was given. Throws UsageError when a capture was named too.
 bool TakeSavedFile(Arguments& args, const SavedFile& file);
 // The same for each of files.
 void TakeSavedFiles(Arguments& args, std::initializer_list<SavedFile> files);
+
+// The usage error of an option given with --capture.
+UsageError CaptureExcludes(const std::string& option);
+
+// An interface address as text, "02:00:00:00:00:01"; nullopt for anything
+// else.
+std::optional<corvid::HardwareAddress> ParseHardwareAddress(const std::string& text);
 
 // Parses the erase-block indexes of an option like --bad-blocks ("N,N,...");
 // throws UsageError naming the option for anything that is not a number.
