@@ -47,7 +47,8 @@ function(vx_static_module target prefix)
         if(name IN_LIST arg_WITHOUT)
             continue()
         endif()
-        find_library(VX_ARCHIVE_${name} NAMES lib${name}.a HINTS ${${prefix}_STATIC_LIBRARY_DIRS})
+        find_library(VX_ARCHIVE_${name} NAMES lib${name}.a
+                     HINTS ${${prefix}_STATIC_LIBRARY_DIRS} ${VX_CROSS_ARCHIVE_DIR})
         if(NOT VX_ARCHIVE_${name})
             message(FATAL_ERROR "No static archive lib${name}.a (${prefix}): its -dev package ships one "
                                 "(scripts/install-deps); or configure with -DVX_STATIC_DEPENDENCIES=OFF")
