@@ -40,20 +40,25 @@ void ShowGuarded(const FailureDisplay& display, ErrorLedPattern pattern) noexcep
 
 } // namespace
 
-int RunChecks(const std::function<void()>& steps, const FailureDisplay& display)
+void PrintFailure(const char* what)
+{
+    corvid::PrintGuarded("ERROR: {}\n", what);
+}
+
+int RunChecks(const std::function<void()>& steps, const FailureDisplay& display, const FailureReport& report)
 {
     try {
         steps();
     } catch (const HardwareFailure& e) {
-        corvid::PrintGuarded("ERROR: {}\n", e.what());
+        report(e.what());
         ShowGuarded(display, e.GetPattern());
         return CHECK_HARDWARE_FAILURE;
     } catch (const std::exception& e) {
-        corvid::PrintGuarded("ERROR: {}\n", e.what());
+        report(e.what());
         ShowGuarded(display, ERROR_LED_GENERAL);
         return CHECK_UNEXPECTED_FAILURE;
     } catch (...) {
-        corvid::PrintGuarded("ERROR: Unknown exception\n");
+        report("Unknown exception");
         ShowGuarded(display, ERROR_LED_GENERAL);
         return CHECK_UNEXPECTED_FAILURE;
     }

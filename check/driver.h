@@ -22,11 +22,18 @@ void CheckMemory();
 // a deliberate crash); it may also throw when the pattern cannot be shown.
 using FailureDisplay = std::function<void(ErrorLedPattern)>;
 
+// Reports a failure before its pattern is shown: the check prints
+// "ERROR: <what>\n" (PrintFailure).
+using FailureReport = std::function<void(const char* what)>;
+void PrintFailure(const char* what);
+
 // Runs steps inside the outermost handlers: a HardwareFailure gives status 1
-// and its own pattern, any other exception status 2 and pattern 2. Each
-// handler prints "ERROR: ...\n", then shows the pattern; a display that
-// cannot be shown is reported and the status returned all the same.
-int RunChecks(const std::function<void()>& steps, const FailureDisplay& display);
+// and its own pattern, any other exception status 2 and pattern 2 ("Unknown
+// exception" for one that is not a standard exception). Each handler reports
+// the failure, then shows the pattern; a display that cannot be shown is
+// reported and the status returned all the same.
+int RunChecks(const std::function<void()>& steps, const FailureDisplay& display,
+              const FailureReport& report = PrintFailure);
 
 // The display of the real player: the error LED blink code with the
 // check's flags (crash after seventeen rounds, the button watched from the

@@ -70,15 +70,13 @@ void CheckEthernet(std::uint64_t hardware_bitfield)
         throw HardwareFailure("Ethernet interface has invalid MAC address", ERROR_LED_ETHERNET);
 }
 
-std::string CollectBlessings(const BootloaderEnvironment& environment, const std::string& secure_id)
+std::vector<std::string> CollectBlessings(const BootloaderEnvironment& environment, const std::string& secure_id)
 {
     const VeltrixDeviceDataStorageNand storage(Context::GetInstance()->OpenPartition(DEVICE_DATA_PARTITION));
-    std::string suffix;
+    std::vector<std::string> names;
     blessings::EnumerateBlessings(storage, secure_id, environment.Serial(),
-                                  [&suffix](const std::string& name, const std::string&) {
-                                      suffix += (suffix.empty() ? " bl=" : ",") + name;
-                                  });
-    return suffix;
+                                  [&names](const std::string& name, const std::string&) { names.push_back(name); });
+    return names;
 }
 
 BootVersions GatherVersions(const HardwareConfig& config)
@@ -93,10 +91,23 @@ BootVersions GatherVersions(const HardwareConfig& config)
     return versions;
 }
 
+void PrintSummary(const BootSummary& summary)
+{
+    std::string blessings;
+    for (const std::string& name : summary.blessings)
+        blessings += (blessings.empty() ? " bl=" : ",") + name;
+    const BootVersions& versions = summary.versions;
+    corvid::PrintPlain("<6>VELTRIX boot={} firstimages={} rescue={} mission={} model={} {} serial={} hw={:x} "
+                       "sk={:d} sb={:d}{}\n",
+                       versions.bootloader, versions.first_images, versions.rescue_kernel,
+                       versions.operating_system, versions.model, summary.revision, versions.serial,
+                       summary.hardware_flags, summary.secure_keys, summary.secure_boot, blessings);
+}
+
 void PrintAvsReport(std::map<std::string, std::string> avs)
 {
     std::string line;
-    for (const char* key : {"Revision", "V0", "T0", "PV0", "MV0"})
+    for (const char* key : AVS_LINE_KEYS)
         line += std::string(key) + "=" + avs[key] + " ";
     corvid::PrintPlain("<6>AVS {}", line);
 }
@@ -113,22 +124,28 @@ void WriteIssueFile(const std::string& banner)
     corvid::ReplaceFile(Context::GetInstance()->Path(ISSUE_FILE_PATH), banner, 0644);
 }
 
-void RunStartupPass(const BannerWriter& write_banner)
+void RunStartupPass(const BootReport& report)
 {
     CheckMemory();
     HardwareConfig& config = *HardwareConfig::GetInstance();
     WarnAboutSsd(config);
     const BootloaderEnvironment environment = GetBootloaderEnvironment();
-    const std::string revision = LabelRevision(environment);
+    BootSummary summary;
+    summary.revision = LabelRevision(environment);
     CheckEthernet(config.GetHardwareBitfield());
-    const std::string blessings = CollectBlessings(environment, config.GetSecureId());
-    const BootVersions versions = GatherVersions(config);
-    const std::uint64_t flags = environment.HardwareFlags();
-    corvid::PrintPlain("<6>VELTRIX boot={} firstimages={} rescue={} mission={} model={} {} serial={} hw={:x} "
-                       "sk={:d} sb={:d}{}\n",
-                       versions.bootloader, versions.first_images, versions.rescue_kernel,
-                       versions.operating_system, versions.model, revision, versions.serial, flags,
-                       config.GetSecureKeys(), config.GetSecureBoot(), blessings);
-    PrintAvsReport(ReadAvsStatus());
-    write_banner(FormatBanner(config));
+    summary.blessings = CollectBlessings(environment, config.GetSecureId());
+    summary.versions = GatherVersions(config);
+    summary.hardware_flags = environment.HardwareFlags();
+    summary.secure_keys = config.GetSecureKeys();
+    summary.secure_boot = config.GetSecureBoot();
+    report.summary(summary);
+    report.avs(ReadAvsStatus());
+    report.banner(FormatBanner(config));
+}
+
+void RunStartupPass(const BannerWriter& write_banner)
+{
+    BootReport report;
+    report.banner = write_banner;
+    RunStartupPass(report);
 }

@@ -38,10 +38,9 @@ std::string EncodeBootloaderEnvironmentBlock(const std::vector<std::string>& tex
 }
 
 std::string SignSrb(const std::map<std::string, std::string>& environment,
-                    const std::string& secure_id, const GcrySexp& private_key)
+                    const std::string& secure_id, const SigningKey& key)
 {
-    const std::string signature =
-        SignDigest(private_key, GCRY_MD_SHA256, ComputeSrbDigest(environment, secure_id));
+    const std::string signature = key.Sign(GCRY_MD_SHA256, ComputeSrbDigest(environment, secure_id));
     return SRB_SIGNATURE_TYPE_RSA + corvid::base64::Encode(signature);
 }
 
@@ -65,7 +64,7 @@ std::vector<std::pair<std::string, std::string>> SrbSignatureVariables(
 
 std::string MakeBlessingPayload(const std::string& tag, const std::string& names,
                                 const std::string& parameter, const std::string& secure_id,
-                                const std::string& serial, const GcrySexp& private_key)
+                                const std::string& serial, const SigningKey& key)
 {
     using namespace blessings;
     if (tag != BLESSING_TAG && tag != BOON_TAG)
@@ -82,8 +81,7 @@ std::string MakeBlessingPayload(const std::string& tag, const std::string& names
     }
 
     const std::string message = SignedMessage(tag, secure_id, serial, names, parameter);
-    const std::string signature =
-        SignDigest(private_key, GCRY_MD_SHA256, ComputeDigest(GCRY_MD_SHA256, message));
+    const std::string signature = key.Sign(GCRY_MD_SHA256, ComputeDigest(GCRY_MD_SHA256, message));
     std::string payload = corvid::WriteLengthPrefixedString(names);
     payload += corvid::WriteLengthPrefixedString(signature);
     if (!parameter.empty())

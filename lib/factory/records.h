@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "factory/rsa_signer.h"
 #include "hardware/bootloader_environment.h"
 #include "hardware/gcrypt_handles.h"
 
@@ -25,7 +26,12 @@ std::string EncodeBootloaderEnvironmentBlock(const std::vector<std::string>& tex
 // Signs the environment's SRB for a Secure ID: returns the signature text,
 // "A" followed by the base64 of the RSA signature.
 std::string SignSrb(const std::map<std::string, std::string>& environment,
-                    const std::string& secure_id, const GcrySexp& private_key);
+                    const std::string& secure_id, const SigningKey& key);
+inline std::string SignSrb(const std::map<std::string, std::string>& environment,
+                           const std::string& secure_id, const GcrySexp& private_key)
+{
+    return SignSrb(environment, secure_id, GcryptKey(private_key));
+}
 
 // The variables that carry a signature text: VX_SIGNATURE alone when
 // "VX_SIGNATURE=<text>" fits one record, otherwise VX_SIGNATURE_0,
@@ -40,7 +46,13 @@ std::vector<std::pair<std::string, std::string>> SrbSignatureVariables(
 // CAPABILITIES), and std::length_error for a field longer than 65535 bytes.
 std::string MakeBlessingPayload(const std::string& tag, const std::string& names,
                                 const std::string& parameter, const std::string& secure_id,
-                                const std::string& serial, const GcrySexp& private_key);
+                                const std::string& serial, const SigningKey& key);
+inline std::string MakeBlessingPayload(const std::string& tag, const std::string& names,
+                                       const std::string& parameter, const std::string& secure_id,
+                                       const std::string& serial, const GcrySexp& private_key)
+{
+    return MakeBlessingPayload(tag, names, parameter, secure_id, serial, GcryptKey(private_key));
+}
 
 // One device-data chunk: the 4-byte tag, the length, the payload and its
 // SHA-1. Throws std::invalid_argument for a tag that is not 4 bytes or reads

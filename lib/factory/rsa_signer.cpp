@@ -1,11 +1,13 @@
 #include "factory/rsa_signer.h"
 
+#include <bit>
 #include <cstdint>
-
-#include <fmt/format.h>
 #include <stdexcept>
 #include <vector>
 
+#include <fmt/format.h>
+
+#include "factory/pkcs11_key.h"
 #include "hardware/signature_verifier.h"
 #include "platform/base64.h"
 #include "platform/posix_helpers.h"
@@ -168,25 +170,62 @@ GcrySexp LoadPrivateKeyFile(const std::string& path)
 
 namespace {
 
-GcryMpi KeyModulus(const GcrySexp& key)
+// An MPI as an unsigned big-endian number (without leading zeros, as
+// libgcrypt prints it); empty for none.
+std::string MpiBytes(const GcryMpi& value)
+{
+    if (!value)
+        return {};
+    unsigned char* buffer = nullptr;
+    std::size_t length = 0;
+    if (const gcry_error_t error = gcry_mpi_aprint(GCRYMPI_FMT_USG, &buffer, &length, value.get()))
+        ThrowGcryptError(error);
+    const std::unique_ptr<unsigned char, decltype(&gcry_free)> owned(buffer, &gcry_free);
+    return std::string(reinterpret_cast<const char*>(buffer), length);
+}
+
+std::string KeyModulus(const GcrySexp& key)
 {
     const GcrySexp n(gcry_sexp_find_token(key.get(), "n", 1));
-    return GcryMpi(n ? gcry_sexp_nth_mpi(n.get(), 1, GCRYMPI_FMT_USG) : nullptr);
+    return MpiBytes(GcryMpi(n ? gcry_sexp_nth_mpi(n.get(), 1, GCRYMPI_FMT_USG) : nullptr));
 }
+
+// A PEM file's key, owned.
+class PemKey final : public SigningKey {
+public:
+    explicit PemKey(GcrySexp key) : m_key(std::move(key)) {}
+    std::string Modulus() const override { return m_view.Modulus(); }
+    std::string Sign(int algorithm, std::string_view digest) const override { return m_view.Sign(algorithm, digest); }
+
+private:
+    GcrySexp m_key;
+    GcryptKey m_view{m_key};
+};
 
 } // namespace
 
-void RequireAcceptedKey(const GcrySexp& private_key, std::initializer_list<StoredKey> accepted,
-                        const std::string& role)
+std::string GcryptKey::Modulus() const
 {
-    const unsigned int bits = gcry_pk_get_nbits(private_key.get());
+    return KeyModulus(m_key);
+}
+
+std::unique_ptr<SigningKey> OpenSigningKey(const std::string& key, const PinReader& read_pin)
+{
+    if (IsPkcs11Uri(key))
+        return OpenPkcs11Key(key, read_pin);
+    return std::make_unique<PemKey>(LoadPrivateKeyFile(key));
+}
+
+void RequireAcceptedKey(const SigningKey& key, std::initializer_list<StoredKey> accepted, const std::string& role)
+{
+    const std::string modulus = key.Modulus();
+    const std::size_t bits =
+        modulus.empty() ? 0 : 8 * modulus.size() - std::countl_zero(static_cast<unsigned char>(modulus[0]));
     if (bits != 2048)
         throw std::invalid_argument(
             fmt::format("the key has {} bits: the player's {} keys are 2048-bit RSA keys", bits, role));
-    const GcryMpi modulus = KeyModulus(private_key);
     for (const StoredKey stored : accepted) {
-        const GcryMpi stored_modulus = KeyModulus(LoadPublicKey(stored));
-        if (modulus && stored_modulus && gcry_mpi_cmp(modulus.get(), stored_modulus.get()) == 0)
+        if (KeyModulus(LoadPublicKey(stored)) == modulus)
             return;
     }
     throw std::invalid_argument(

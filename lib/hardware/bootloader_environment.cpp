@@ -78,18 +78,22 @@ std::map<std::string, std::string> ParseBootloaderEnvironmentBlock(std::string_v
     return variables;
 }
 
-BootloaderEnvironment LoadBootloaderEnvironment(NandAccess& nand)
+EnvironmentBlock ReadEnvironmentBlock(NandAccess& nand)
 {
     const std::size_t erase_size = nand.GetEraseSize();
-    const std::uint64_t offset = NandBlockAccess::FindFirstGoodBlock(nand);
-    if (offset >= nand.GetTotalSize())
+    EnvironmentBlock block;
+    block.offset = NandBlockAccess::FindFirstGoodBlock(nand);
+    if (block.offset >= nand.GetTotalSize())
         throw std::runtime_error("All BOLT environment NAND blocks are bad");
+    block.bytes.resize(erase_size);
+    block.bytes.resize(nand.Read(block.offset, block.bytes.data(), erase_size));
+    return block;
+}
 
-    std::string block(erase_size, '\0');
-    block.resize(nand.Read(offset, block.data(), erase_size));
-
+BootloaderEnvironment LoadBootloaderEnvironment(NandAccess& nand)
+{
     BootloaderEnvironment environment;
-    environment.variables = ParseBootloaderEnvironmentBlock(block);
+    environment.variables = ParseBootloaderEnvironmentBlock(ReadEnvironmentBlock(nand).bytes);
     return environment;
 }
 

@@ -72,9 +72,19 @@ void ForgetBootloaderEnvironment();
 // without '=' is reported on standard error and skipped.
 std::map<std::string, std::string> ParseBootloaderEnvironmentBlock(std::string_view block);
 
-// Reads the environment block of a partition (its first good erase block)
-// and parses it. Throws std::runtime_error "All BOLT environment NAND blocks
-// are bad", the parser's errors, and whatever the device throws.
+// The environment block of a partition: its first good erase block, as the
+// device returned it (a short read gives fewer bytes), and where it lies.
+struct EnvironmentBlock {
+    std::uint64_t offset = 0;
+    std::string bytes;
+};
+
+// Reads the environment block of a partition. Throws std::runtime_error "All
+// BOLT environment NAND blocks are bad" and whatever the device throws.
+EnvironmentBlock ReadEnvironmentBlock(NandAccess& nand);
+
+// Reads the environment block of a partition and parses it. Throws what
+// ReadEnvironmentBlock and the parser throw.
 BootloaderEnvironment LoadBootloaderEnvironment(NandAccess& nand);
 
 // Opens flash0.nvram through the context and loads the environment from it.

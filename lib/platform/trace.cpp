@@ -3,7 +3,25 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "platform/assert.h"
+
 namespace corvid {
+
+namespace {
+MessageCapture* s_capture = nullptr;
+} // namespace
+
+MessageCapture::MessageCapture()
+{
+    CORVID_ASSERT(s_capture == nullptr, "lib/platform/trace", 16,
+                  "corvid::MessageCapture::MessageCapture()", "s_capture == nullptr");
+    s_capture = this;
+}
+
+MessageCapture::~MessageCapture()
+{
+    s_capture = nullptr;
+}
 
 StderrTrace::~StderrTrace()
 {
@@ -32,6 +50,22 @@ void ReportPrintFailure(std::FILE* stream, std::string_view format, const char* 
     std::fputs("' threw '", stream);
     std::fputs(what, stream);
     std::fputs("'\n", stream);
+}
+
+MessageCapture* ActiveCapture() noexcept
+{
+    return s_capture;
+}
+
+void Capture(MessageCapture& capture, std::string_view format, fmt::format_args args, bool guarded)
+{
+    if (!guarded)
+        return capture.Add(fmt::vformat(format, args));
+    try {
+        capture.Add(fmt::vformat(format, args));
+    } catch (const std::exception& e) {
+        capture.Add("Message '" + std::string(format) + "' threw '" + e.what() + "'\n");
+    }
 }
 
 } // namespace detail

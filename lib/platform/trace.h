@@ -3,7 +3,10 @@
 
 #include <cstdio>
 #include <exception>
+#include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -28,8 +31,29 @@ public:
     int Flush() override;
 };
 
+// Takes the messages of the prints below in place of standard error for as
+// long as it lives, each print one message as it would have been written: a
+// program that answers in a format of its own (vxtool --json) hands them on
+// as data. One at a time per process; the check never makes one.
+class MessageCapture {
+public:
+    MessageCapture();
+    ~MessageCapture();
+    MessageCapture(const MessageCapture&) = delete;
+    MessageCapture& operator=(const MessageCapture&) = delete;
+
+    const std::vector<std::string>& Messages() const { return m_messages; }
+    void Add(std::string message) { m_messages.push_back(std::move(message)); }
+
+private:
+    std::vector<std::string> m_messages;
+};
+
 namespace detail {
 void ReportPrintFailure(std::FILE* stream, std::string_view format, const char* what) noexcept;
+// The capture that takes the prints now, or nullptr.
+MessageCapture* ActiveCapture() noexcept;
+void Capture(MessageCapture& capture, std::string_view format, fmt::format_args args, bool guarded);
 } // namespace detail
 
 // Formats with fmt replacement fields and writes the result to stream. If
@@ -51,6 +75,8 @@ void GuardedPrint(std::FILE* stream, std::string_view format, const Args&... arg
 template <typename... Args>
 void PrintGuarded(std::string_view format, const Args&... args)
 {
+    if (MessageCapture* capture = detail::ActiveCapture())
+        return detail::Capture(*capture, format, fmt::make_format_args(args...), true);
     GuardedPrint(stderr, format, args...);
 }
 
@@ -59,6 +85,8 @@ void PrintGuarded(std::string_view format, const Args&... args)
 template <typename... Args>
 void PrintPlain(std::string_view format, const Args&... args)
 {
+    if (MessageCapture* capture = detail::ActiveCapture())
+        return detail::Capture(*capture, format, fmt::make_format_args(args...), false);
     fmt::vprint(stderr, format, fmt::make_format_args(args...));
 }
 

@@ -48,6 +48,7 @@ set(runtime_files
     usr/lib/vx-hwcheck/wait-devices usr/lib/sysusers.d/vx-registry.conf
     usr/share/dbus-1/system.d/com.tessalabs.Registry.conf
     usr/share/man/man8/vx-hwcheck.8.gz usr/share/man/man1/vxtool.1.gz
+    usr/share/vx-hwcheck/schemas/vxtool-report.schema.json
     usr/share/doc/vx-hwcheck/copyright usr/share/doc/vx-hwcheck/changelog.gz)
 if(NOT DEB_ARCH)
     run(dpkg --print-architecture)

@@ -37,9 +37,12 @@ TEST(VxtoolDocs, TheReadmeAndTheManualPageShowEveryCommandAsItsUsageDoes)
     // The commands, from the command list.
     std::istringstream list(vxtest::Vxtool({"help"}).out);
     std::vector<std::string> commands;
-    for (std::string line; std::getline(list, line);)
-        if (line.rfind("  ", 0) == 0)
+    bool listed = false;
+    for (std::string line; std::getline(list, line);) {
+        if (listed)
             commands.push_back(line.substr(2, line.find(' ', 2) - 2));
+        listed = listed || line == "commands:";
+    }
     ASSERT_GE(commands.size(), 13u);
 
     const std::string readme = vxtest::ReadFile(VX_SOURCE_DIR "/README.md");
@@ -55,6 +58,20 @@ TEST(VxtoolDocs, TheReadmeAndTheManualPageShowEveryCommandAsItsUsageDoes)
             EXPECT_NE(manual.find("\n.B " + line + "\n"), std::string::npos) << "vxtool.1 lacks .B " << line;
         }
     }
+}
+
+// The README's factory example is the script that the simulated player's
+// factory-example scenario runs, word for word.
+TEST(VxtoolDocs, TheReadmesFactoryExampleIsTheScenarioThatRunsIt)
+{
+    const std::string scenario = vxtest::ReadFile(VX_SOURCE_DIR "/sim/scenarios/factory-example.toml");
+    const std::size_t start = scenario.find("\"-c\", '''\n") + 10, end = scenario.find("''']", start);
+    ASSERT_NE(end, std::string::npos);
+    // A Markdown code block: each line that is not empty indented by four.
+    const std::string block =
+        std::regex_replace(scenario.substr(start, end - start), std::regex("(^|\n)(.)"), "$1    $2");
+    EXPECT_NE(vxtest::ReadFile(VX_SOURCE_DIR "/README.md").find("\n\n" + block + "\n"), std::string::npos)
+        << block;
 }
 
 } // namespace

@@ -41,8 +41,8 @@ TEST(VxtoolRegistry, ReadsAndChangesTheRegistryAsRootAndReadsItAsAnyUser)
     EXPECT_EQ(Registry({"set", "net work", "k", "v"}), "1:error: Invalid name: InvalidName\n");
     EXPECT_EQ(Registry({"get", "network", "mtu"}),
               "1:error: com.tessalabs.Registry.Errors.NotFound: No key 'mtu' in section 'network'\n");
-    EXPECT_THAT(Registry({"get", "network"}), testing::StartsWith("2:vxtool registry: missing KEY\nusage: "));
-    EXPECT_THAT(Registry({"drop"}), testing::StartsWith("2:vxtool registry: unknown action 'drop'\nusage: "));
+    EXPECT_THAT(Registry({"get", "network"}), testing::StartsWith("2:error: missing KEY\nusage: vxtool registry "));
+    EXPECT_THAT(Registry({"drop"}), testing::StartsWith("2:error: unknown action 'drop'\nusage: vxtool registry "));
 }
 
 } // namespace

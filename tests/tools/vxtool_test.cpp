@@ -1,7 +1,11 @@
 // vxtool run as a program on partition images: its options, image layouts,
-// listings and exit statuses (the formats are the library tests' part, the
-// round trip through the MTD driver the simulated player's).
+// listings, exit statuses and signing keys, in files and on a PKCS#11 token
+// (the formats are the library tests' part, the round trip through the MTD
+// driver the simulated player's).
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <cstdlib>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -30,7 +34,7 @@ Args operator+(Args args, const Args& more)
 
 auto UsageError(const std::string& command, const std::string& message)
 {
-    return testing::StartsWith("2:vxtool " + command + ": " + message + "\nusage: ");
+    return testing::StartsWith("2:error: " + message + "\nusage: vxtool " + command + " ");
 }
 
 TEST(VxtoolEnv, PrintsTheEnvironmentOfTheFirstGoodBlockAndRefusesBadUsage)
@@ -58,12 +62,51 @@ TEST(VxtoolEnv, PrintsTheEnvironmentOfTheFirstGoodBlockAndRefusesBadUsage)
     for (const Args& args : {Args{"env", "--image", image}, Args{"env", e, "4096"},
                              Args{"env", "--image", image, e, "0"}, good + Args{"--bad-blocks", "1,,2"},
                              good + Args{"--write-size", "3000"}, good + Args{"--mtd", "x"},
-                             good + Args{"extra"}, Args{"mkenv", e, "4096"}, Args{"mkenv", "-o", out}})
+                             good + Args{"--extra"}, Args{"mkenv", e, "4096"}, Args{"mkenv", "-o", out}})
         EXPECT_EQ(vxtest::Vxtool(args).exit_status, 2) << args.back();
     // The live table is named when it cannot be read (a machine without MTD).
     if (access("/proc/mtd", F_OK) != 0) {
         EXPECT_EQ(Vxtool({"env"}), "1:error: /proc/mtd: No such file or directory (errno 2)\n");
     }
+}
+
+// What a new user meets: an environment with nothing in it said to be so,
+// single values, usage errors before anything is read, one prefix for every
+// error, no file named "-", sources that do not mix silently, help and the
+// version. Each with its exit status.
+TEST(VxtoolAnswers, EachOutcomeHasItsStatusAndSaysWhy)
+{
+    vxtest::TempDir dir;
+    const std::string block = vxtest::EnvironmentBlock({"VX_SERIAL=S1", "A=1"}, 4096);
+    const Args env = {"env", "--erase-size", "4096", "--image", dir.WriteFile("env", block)};
+    const Args zeroed = {"env", "--erase-size", "4096", "--image", dir.WriteFile("zero", std::string(8192, '\0'))};
+    const Args erased = {"env", "--erase-size", "4096", "--image", dir.WriteFile("ff", std::string(8192, '\xFF'))};
+    using testing::StartsWith;
+    const struct {
+        Args args;
+        testing::Matcher<std::string> expected;
+    } cases[] = {
+        {zeroed, "3:error: no variables: the block at offset 0 is all zeros (a wrong image, erase size or bad-block "
+                 "list?)\n"},
+        {erased + Args{"--bad-blocks", "0"}, "3:error: no variables: the block at offset 4096 is erased (it begins "
+                                             "with 0xff)\n"},
+        {env + Args{"VX_SERIAL", "NOPE", "A"}, "3:VX_SERIAL=S1\nA=1\nerror: NOPE is not defined\n"},
+        {env + Args{"-n", "VX_SERIAL"}, "0:S1\n"},
+        {env + Args{"-n", "A", "VX_SERIAL"}, UsageError("env", "-n prints the value of one variable: give one NAME")},
+        {{"registry", "get"}, UsageError("registry", "missing SECTION")},
+        {{"report", "--env-image", "x", "--env-erase-size", "4096"},
+         UsageError("report", "--env-image given, but not --devdata-image, --bolt-image, --rescue-image, --boardid, "
+                              "--meminfo, --version-file, --mem, --sys, --eth0-address: give them too, or "
+                              "--live-others to read those from this machine")},
+        {{"mkenv", "--erase-size", "4096", "-o", "-"}, "0:" + block},
+        {{"help", "env"}, StartsWith("0:usage: vxtool env [--env-mtd NAME | --env-image FILE ...] [-n] [NAME...] "
+                                     "[--json]\n")},
+        {{"help", "nope"}, StartsWith("2:error: unknown command 'nope'\nusage: vxtool COMMAND")},
+        {{"--version"}, testing::MatchesRegex("0:vxtool [0-9]+\\.[0-9]+\n")},
+    };
+    for (const auto& c : cases)
+        EXPECT_THAT(Vxtool(c.args, "VX_SERIAL=S1\nA=1\n"), c.expected) << c.args.back();
+    EXPECT_NE(access("-", F_OK), 0);
 }
 
 TEST(VxtoolDevdata, BuildsAndListsImages)
@@ -169,7 +212,9 @@ TEST(VxtoolIdentity, SignedRecordsAndTheOptionsThatNameTheDevice)
     EXPECT_EQ(Vxtool(srb + Args{"--boardid", boardid}), "0:valid\n");
     EXPECT_EQ(Vxtool(srb + Args{"--boardid", dir.Path() + "/absent"}),
               "1:error: " + dir.Path() + "/absent: No such file or directory (errno 2)\n");
-    EXPECT_EQ(Vxtool(srb + Args{"--boardid", dir.WriteFile("no-id", "ID: 0x1\n")}), "1:invalid: No secure ID\n");
+    const std::string no_id = dir.WriteFile("no-id", "ID: 0x1\n");
+    EXPECT_EQ(Vxtool(srb + Args{"--boardid", no_id}),
+              "1:invalid: No secure ID (no \"Secure-ID:\" line in " + no_id + ")\n");
     // A record the player ignores: signed, but VX_FORMAT is not "1".
     const std::string unformatted = dir.Path() + "/unformatted.img";
     const std::string signed_lines = Vxtool({"sign-srb", "--key", TestPrivateKey("srb-1"), "--secure-id", ID},
@@ -215,6 +260,103 @@ TEST(VxtoolIdentity, SignedRecordsAndTheOptionsThatNameTheDevice)
     for (const std::string& id : {std::string("a1b2 c3d4"), std::string(65, 'a')})
         EXPECT_THAT(Vxtool({"sign-srb", "--secure-id", id, "--key", TestPrivateKey("srb-1")}, "A=1\n"),
                     UsageError("sign-srb", "--secure-id '" + id + "': the player reads 1 to 64 characters without blanks"));
+}
+
+// sign-srb and bless with keys on a PKCS#11 token: Debian's SoftHSM2, a token
+// initialised in a scratch directory and the committed test keys imported
+// into it. A token's signature is the PEM key's, byte for byte.
+constexpr const char* SOFTHSM_MODULE = "/usr/lib/softhsm/libsofthsm2.so";
+const std::string SERIAL = "VX0000042", PIN = "5678";
+const std::string URI = "pkcs11:token=vx-factory;object=";
+
+// A SoftHSM2 token "vx-factory" in a scratch directory, named to every
+// program the test starts by SOFTHSM2_CONF, with srb-1, blessing-2 and a
+// 1024-bit key ("small") on it.
+struct SoftHsmToken {
+    vxtest::TempDir dir;
+
+    SoftHsmToken()
+    {
+        mkdir((dir.Path() + "/tokens").c_str(), 0700);
+        const std::string conf = "directories.tokendir = " + dir.Path() + "/tokens\nlog.level = ERROR\n";
+        setenv("SOFTHSM2_CONF", dir.WriteFile("softhsm2.conf", conf).c_str(), 1);
+        // A key of the wrong size; the import below fails without it.
+        const std::string small = dir.Path() + "/small.pem";
+        vxtest::Run("/usr/bin/openssl",
+                    {"genpkey", "-algorithm", "RSA", "-pkeyopt", "rsa_keygen_bits:1024", "-out", small});
+        const auto import = [](const std::string& pem, const char* label, const char* id) {
+            return Args{"--import", pem, "--token", "vx-factory", "--label", label, "--id", id};
+        };
+        for (Args args : {Args{"--init-token", "--free", "--label", "vx-factory", "--so-pin", "1234"},
+                          import(TestPrivateKey("srb-1"), "srb-1", "01"),
+                          import(TestPrivateKey("blessing-2"), "blessing-2", "02"),
+                          import(small, "small", "03")}) {
+            args.insert(args.end(), {"--pin", PIN});
+            const vxtest::RunResult r = vxtest::Run("/usr/bin/softhsm2-util", args);
+            EXPECT_EQ(r.exit_status, 0) << r.out << r.err;
+        }
+    }
+    ~SoftHsmToken() { unsetenv("SOFTHSM2_CONF"); }
+};
+
+TEST(VxtoolPkcs11, TheTokenSignsAsThePemKeyAndRefusesWhatThePlayerWouldNotAccept)
+{
+    VXTEST_REQUIRE_TEST_KEYS();
+#ifdef VX_TEST_EMULATOR
+    GTEST_SKIP() << "SoftHSM's module is the build machine's, the programs the player's";
+#endif
+    const SoftHsmToken token;
+    const std::string pin = token.dir.WriteFile("pin", PIN + "\n"), chunk = token.dir.Path() + "/chunk";
+    const std::string records = "VX_SERIAL=" + SERIAL + "\nVX_FORMAT=1\n";
+
+    // The SRB through the URI's module and PIN file: the PEM key's lines,
+    // which the player's verifier accepts.
+    const std::string signed_lines =
+        Vxtool({"sign-srb", "--secure-id", ID, "--key",
+                URI + "srb-1?module-path=" + SOFTHSM_MODULE + "&pin-source=file:" + pin},
+               records);
+    EXPECT_EQ(signed_lines, Vxtool({"sign-srb", "--secure-id", ID, "--key", TestPrivateKey("srb-1")}, records));
+    const std::string env = token.dir.Path() + "/env.img";
+    EXPECT_EQ(Vxtool({"mkenv", "--erase-size", "16384", "-o", env}, signed_lines.substr(2)), "0:");
+    EXPECT_EQ(Vxtool({"srb", "--image", env, "--erase-size", "16384", "--secure-id", ID}), "0:valid\n");
+
+    // A blessing through p11-kit's configured modules, the PIN on standard
+    // input: the chunk that openssl's signature makes.
+    EXPECT_EQ(Vxtool({"bless", "--key", URI + "blessing-2", "--names", "vxear", "--secure-id", ID, "--serial", SERIAL,
+                      "-o", chunk},
+                     PIN + "\n"),
+              "0:");
+    EXPECT_EQ(vxtest::ReadFile(chunk),
+              Sha1sumChunk("BLES", vxtest::OpensslBlessingPayload("blessing-2", "BLES", "vxear", "", ID, SERIAL)));
+
+    const auto bless = [&chunk](const std::string& key) {
+        return Args{"bless", "--names", "vxear", "--boon", "-o", chunk, "--key", key};
+    };
+    const std::string module = "?module-path=" + std::string(SOFTHSM_MODULE);
+    const struct {
+        Args args;
+        std::string input, expected;
+    } refused[] = {
+        {bless(URI + "blessing-2"), "0000\n",
+         "1:error: token 'vx-factory' refused the PIN: The password or PIN is incorrect\n"},
+        {bless(URI + "nope"), PIN + "\n",
+         "1:error: no private key on token 'vx-factory' matches " + URI + "nope\n"},
+        {bless(URI + "small"), PIN + "\n",
+         "1:error: the key has 1024 bits: the player's blessing keys are 2048-bit RSA keys\n"},
+        {bless(URI + "srb-1"), PIN + "\n",
+         "1:error: the key is not one of the player's blessing keys: the player would refuse its signatures\n"},
+        {bless("pkcs11:token=other;object=x" + module), PIN + "\n",
+         "1:error: no token matches pkcs11:token=other;object=x" + module + " (tokens present: 'vx-factory')\n"},
+        {bless(URI + "srb-1?pin-value=" + PIN), "",
+         "1:error: " + URI + "srb-1?pin-value=" + PIN +
+             ": pin-value would put the PIN on the command line: use pin-source=file:PATH, or give the PIN on "
+             "standard input\n"},
+        {{"sign-srb", "--secure-id", ID, "--key", URI + "srb-1"}, records,
+         "1:error: token 'vx-factory' needs its PIN, and standard input holds the records: give the PIN with "
+         "pin-source=file:PATH in the URI\n"},
+    };
+    for (const auto& c : refused)
+        EXPECT_EQ(Vxtool(c.args, c.input), c.expected) << c.args.back();
 }
 
 } // namespace

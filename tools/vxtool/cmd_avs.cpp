@@ -7,6 +7,7 @@
 
 #include "command.h"
 #include "hardware/mmio.h"
+#include "json_answer.h"
 #include "platform/binary_fields.h"
 #include "platform/posix_helpers.h"
 
@@ -36,6 +37,10 @@ int Run(const Arguments& arguments)
     } else {
         status = ReadAvsStatus();
     }
+    if (nlohmann::json* json = JsonAnswer()) {
+        *json = AvsJson(status);
+        return 0;
+    }
     for (const auto& [key, value] : status)
         fmt::print("{}={}\n", key, value);
     return 0;
@@ -43,7 +48,7 @@ int Run(const Arguments& arguments)
 
 const CommandRegistrar reg({"avs", "[--dump FILE]",
                             "print the AVS firmware's status from the registers or a dump of its block",
-                            &Run});
+                            &Run, nullptr, true});
 
 } // namespace
 } // namespace vxtool

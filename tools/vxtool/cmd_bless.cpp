@@ -1,4 +1,5 @@
 // vxtool bless: issues a signed blessing or boon as a device-data chunk.
+#include <memory>
 #include <string>
 
 #include "command.h"
@@ -12,18 +13,20 @@ namespace vxtool {
 namespace {
 
 constexpr const char* USAGE =
-    "--key PEM --names NAME[:NAME...] [--parameter TEXT] "
+    "--key KEY --names NAME[:NAME...] [--parameter TEXT] "
     "(--secure-id ID --serial SERIAL | --boon) -o FILE";
 
 // Writes one encoded chunk (tag, length, payload, SHA-1) to FILE: a BLES
 // record bound to the Secure ID and serial, or with --boon a BOON record
-// bound to no device. The chunk file is input for vxtool mkdevdata.
+// bound to no device. The chunk file is input for vxtool mkdevdata. KEY is a
+// PEM file or a PKCS#11 URI; without a pin-source in the URI the token's PIN
+// is the first line of standard input.
 int Run(const Arguments& arguments)
 {
     Arguments args = arguments;
     std::string key_path, names, parameter, secure_id, serial, output;
     if (!TakeOption(args, "--key", key_path) || key_path.empty())
-        throw UsageError("--key PEM is required");
+        throw UsageError("--key KEY is required");
     if (!TakeOption(args, "--names", names) || names.empty())
         throw UsageError("--names is required");
     TakeOption(args, "--parameter", parameter);
@@ -41,12 +44,11 @@ int Run(const Arguments& arguments)
     if (!boon)
         RequireReadableSecureId(secure_id);
 
-    const GcrySexp key = LoadPrivateKeyFile(key_path);
-    RequireAcceptedKey(key, {BlessingPublicKey1(), BlessingPublicKey2()}, "blessing");
+    const std::unique_ptr<SigningKey> key = OpenSigningKey(key_path, ReadPinFromStandardInput);
+    RequireAcceptedKey(*key, {BlessingPublicKey1(), BlessingPublicKey2()}, "blessing");
     const std::string tag = boon ? blessings::BOON_TAG : blessings::BLESSING_TAG;
-    const std::string payload =
-        MakeBlessingPayload(tag, names, parameter, secure_id, serial, key);
-    corvid::WriteWholeFile(output, EncodeDeviceDataChunk(tag, payload), 0644);
+    const std::string payload = MakeBlessingPayload(tag, names, parameter, secure_id, serial, *key);
+    WriteOutput(output, EncodeDeviceDataChunk(tag, payload));
     return 0;
 }
 

@@ -1,4 +1,6 @@
 // vxtool blessings: lists the names granted by the device's blessings.
+#include <stdexcept>
+
 #include <fmt/format.h>
 
 #include "command.h"
@@ -14,7 +16,8 @@ namespace {
 
 // One line per granted name: the name, a tab and the record's parameter.
 // Skipped records are reported on standard error by the library; a partition
-// whose blessing records are all refused is an error (exit 1). The serial
+// whose blessing records are all refused is an error (exit 1), which names
+// the missing Secure ID if there is none. The serial
 // number is --serial, or VX_SERIAL of the environment: from --env-mtd or
 // --env-image, or, when the device data comes from the live flash, from
 // flash0.nvram. With a device-data image and no environment source, --serial
@@ -24,7 +27,7 @@ int Run(const Arguments& arguments)
 {
     Arguments args = arguments;
     const PartitionOptions partitions(args, {DEVICE_DATA, ENVIRONMENT}, &DEVICE_DATA);
-    const std::string secure_id = TakeSecureId(args);
+    const SecureId secure_id = TakeSecureId(args);
     std::string serial;
     const bool have_serial = TakeOption(args, "--serial", serial);
     ExpectNoMoreArguments(args);
@@ -38,10 +41,16 @@ int Run(const Arguments& arguments)
     if (!have_serial)
         serial = LoadBootloaderEnvironment(*context.OpenPartition(ENVIRONMENT.name)).Serial();
     const VeltrixDeviceDataStorageNand storage(context.OpenPartition(DEVICE_DATA.name));
+    nlohmann::json* json = JsonAnswer();
+    if (json)
+        *json = {{"secure_id", secure_id.value}, {"serial", serial}, {"granted", nlohmann::json::array()}};
     std::size_t granted = 0, records = 0;
-    blessings::EnumerateBlessings(storage, secure_id, serial,
-                                  [&granted](const std::string& name, const std::string& parameter) {
-                                      fmt::print("{}\t{}\n", name, parameter);
+    blessings::EnumerateBlessings(storage, secure_id.value, serial,
+                                  [&](const std::string& name, const std::string& parameter) {
+                                      if (json)
+                                          (*json)["granted"].push_back({{"name", name}, {"parameter", parameter}});
+                                      else
+                                          fmt::print("{}\t{}\n", name, parameter);
                                       ++granted;
                                   });
     // Stepping over the chunks only reads their headers.
@@ -49,10 +58,12 @@ int Run(const Arguments& arguments)
         records += tag == blessings::BLESSING_TAG || tag == blessings::BOON_TAG;
         return false;
     });
-    if (records > 0 && granted == 0) {
-        fmt::print(stderr, "error: none of the {} blessing records grants anything to this unit\n", records);
-        return 1;
-    }
+    if (json)
+        (*json)["records"] = records;
+    if (records > 0 && granted == 0)
+        throw std::runtime_error(
+            fmt::format("none of the {} blessing records grants anything to this unit{}", records,
+                        secure_id.absence.empty() ? "" : " (" + secure_id.absence + ")"));
     return 0;
 }
 
@@ -60,7 +71,7 @@ const CommandRegistrar reg({"blessings",
                             PartitionUsage(DEVICE_DATA) + " [--secure-id ID | --boardid FILE] " +
                                 PartitionUsage(ENVIRONMENT, "--serial SERIAL"),
                             "list the names granted by the valid blessings of the device data", &Run,
-                            PARTITION_HELP});
+                            PARTITION_HELP, true});
 
 } // namespace
 } // namespace vxtool

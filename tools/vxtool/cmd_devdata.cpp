@@ -1,5 +1,6 @@
 // vxtool devdata: lists the chunks of the device-data partition.
 #include <cstdio>
+#include <stdexcept>
 #include <string>
 
 #include <fmt/format.h>
@@ -7,6 +8,7 @@
 #include "command.h"
 #include "hardware/context.h"
 #include "hardware/vx_device_data.h"
+#include "platform/binary_fields.h"
 #include "source.h"
 
 namespace vxtool {
@@ -49,33 +51,42 @@ int Run(const Arguments& arguments)
         image = e.GetImageSoFar();
         failure = e.what();
     }
+    nlohmann::json* json = JsonAnswer();
+    if (json)
+        *json = {{"erased", image.empty()}, {"chunks", nlohmann::json::array()}};
     if (image.empty())
         return 0; // erased partition: no chunks
     // The header is checked by the player's parser, on the image without chunks.
     ParseDeviceData(image.substr(0, DEVICE_DATA_HEADER_SIZE), [](const std::string&, const std::string&) {});
+    if (json)
+        (*json)["header_word"] = corvid::LoadLe32(image.data() + 4);
 
     ForEachDeviceDataChunk(std::string_view(image).substr(DEVICE_DATA_HEADER_SIZE),
-                           [](const DeviceDataChunk& chunk) {
+                           [json](const DeviceDataChunk& chunk) {
         const char* status = "too-small";
         CheckDeviceDataChunk(
             chunk, [&](const std::string&, const std::string&) { status = "ok"; },
             [&](const std::string&) { status = "corrupt"; });
-        if (!chunk.HasDigest())
+        if (json) {
+            (*json)["chunks"].push_back({{"tag", PrintableTag(chunk.Tag())},
+                                         {"payload_length", chunk.HasDigest() ? nlohmann::json(chunk.Payload().size())
+                                                                              : nlohmann::json(nullptr)},
+                                         {"status", status}});
+        } else if (!chunk.HasDigest()) {
             fmt::print("{}\t-\t{}\n", PrintableTag(chunk.Tag()), status);
-        else
+        } else {
             fmt::print("{}\t{}\t{}\n", PrintableTag(chunk.Tag()), chunk.Payload().size(), status);
+        }
         std::fflush(stdout);
     });
-    if (!failure.empty()) {
-        fmt::print(stderr, "error: {}\n", failure);
-        return 1;
-    }
+    if (!failure.empty())
+        throw std::runtime_error(failure);
     return 0;
 }
 
 const CommandRegistrar reg({"devdata", PartitionUsage(DEVICE_DATA),
                             "list the chunks of the device-data partition with their integrity", &Run,
-                            PARTITION_HELP});
+                            PARTITION_HELP, true});
 
 } // namespace
 } // namespace vxtool

@@ -8,6 +8,7 @@
 #include "hardware/bootloader_environment.h"
 #include "hardware/hardware_config.h"
 #include "hardware/vx_device_data.h"
+#include "json_answer.h"
 #include "source.h"
 
 namespace vxtool {
@@ -25,6 +26,29 @@ int Run(const Arguments& arguments)
 
     const HardwareConfig config;
     const std::uint64_t bits = config.GetHardwareBitfield();
+    if (nlohmann::json* json = JsonAnswer()) {
+        nlohmann::json names = nlohmann::json::array();
+        for (const Capability& capability : CAPABILITIES) {
+            if (bits & capability.mask)
+                names.push_back(capability.name);
+        }
+        *json = {{"board_id", config.GetBoardId()},
+                 {"family", config.GetFamily()},
+                 {"bolt_version", config.GetBoltVersion()},
+                 {"bootloader_version", config.GetBootloaderVersion()},
+                 {"secure_keys", config.GetSecureKeys()},
+                 {"secure_boot", config.GetSecureBoot()},
+                 {"secure_id", config.GetSecureId()},
+                 {"soc", config.GetSoc()},
+                 {"oem_id", config.GetOemId()},
+                 {"oem_model", config.GetModelName()},
+                 {"srb_valid", config.IsSrbValid()},
+                 {"configured", config.IsConfigured()},
+                 {"hardware_bitfield", bits},
+                 {"hardware_bitfield_hex", HexText(bits)},
+                 {"capabilities", names}};
+        return 0;
+    }
     fmt::print("board-id: {}\nfamily: {}\nbolt-version: {}\nbootloader-version: {}\n"
                "secure-keys: {:d}\nsecure-boot: {:d}\nsecure-id: {}\nsoc: {}\n"
                "oem-id: {}\noem-model: {}\nsrb-valid: {:d}\nconfigured: {:d}\n"
@@ -42,7 +66,8 @@ int Run(const Arguments& arguments)
 
 const CommandRegistrar reg({"hwconfig", PartitionUsage(ENVIRONMENT) + " " + PartitionUsage(DEVICE_DATA) +
                                             " [--boardid FILE]",
-                            "derive the unit's hardware configuration, live or from images", &Run, PARTITION_HELP});
+                            "derive the unit's hardware configuration, live or from images", &Run, PARTITION_HELP,
+                            true});
 
 } // namespace
 } // namespace vxtool

@@ -148,7 +148,7 @@ int Run(const Arguments& arguments)
     // Erased flash is 0xFF; bad blocks are filled with zeros, which the player
     // would take for corrupt data if it ever read them.
     const std::string partition = MakePartitionImage(image, have_size ? size : needed, erase_size, bad_blocks);
-    corvid::WriteWholeFile(output, partition, 0644);
+    WriteOutput(output, partition);
     return 0;
 }
 

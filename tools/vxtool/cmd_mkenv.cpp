@@ -39,7 +39,7 @@ int Run(const Arguments& arguments)
         throw corvid::ErrnoException(EIO, "standard input");
 
     const std::string block = EncodeBootloaderEnvironmentBlock(texts, erase_size);
-    corvid::WriteWholeFile(output, block, 0644);
+    WriteOutput(output, block);
     return 0;
 }
 

@@ -1,6 +1,7 @@
 // vxtool registry: reads and changes the device's registry through the
 // registry service, with the platform library's client.
 #include <cstdio>
+#include <functional>
 #include <stdexcept>
 
 #include <dbus-c++/error.h>
@@ -22,60 +23,72 @@ std::string TakeArgument(Arguments& args, const char* what)
     return value;
 }
 
-int RunAction(Registry& registry, const std::string& action, Arguments& args)
+// What an action does on the registry, once its command line is understood.
+using Action = std::function<void(Registry&)>;
+
+// Reads the action and its arguments; throws UsageError for a command line
+// that cannot be understood, before the registry is reached at all.
+Action ParseAction(Arguments& args)
 {
+    const std::string action = TakeArgument(args, "action");
     if (action == "get") {
-        const std::string section = TakeArgument(args, "SECTION"), key = TakeArgument(args, "KEY");
+        std::string section = TakeArgument(args, "SECTION"), key = TakeArgument(args, "KEY");
         ExpectNoMoreArguments(args);
-        fmt::print("{}\n", registry.Read(section, key));
-    } else if (action == "set") {
-        const std::string section = TakeArgument(args, "SECTION"), key = TakeArgument(args, "KEY");
-        const std::string value = TakeArgument(args, "VALUE");
+        return [=](Registry& registry) { fmt::print("{}\n", registry.Read(section, key)); };
+    }
+    if (action == "set") {
+        std::string section = TakeArgument(args, "SECTION"), key = TakeArgument(args, "KEY");
+        std::string value = TakeArgument(args, "VALUE");
         ExpectNoMoreArguments(args);
-        registry.Write(section, key, value);
-    } else if (action == "delete") {
+        return [=](Registry& registry) { registry.Write(section, key, value); };
+    }
+    if (action == "delete") {
         if (TakeFlag(args, "--all")) {
             ExpectNoMoreArguments(args);
-            registry.DeleteAll();
-            return 0;
+            return [](Registry& registry) { registry.DeleteAll(); };
         }
-        const std::string section = TakeArgument(args, "SECTION");
-        if (args.empty()) {
-            registry.DeleteSection(section);
-            return 0;
-        }
-        const std::string key = TakeArgument(args, "KEY");
+        std::string section = TakeArgument(args, "SECTION");
+        if (args.empty())
+            return [=](Registry& registry) { registry.DeleteSection(section); };
+        std::string key = TakeArgument(args, "KEY");
         ExpectNoMoreArguments(args);
-        registry.DeleteKey(section, key);
-    } else if (action == "list") {
-        if (args.empty()) {
-            for (const std::string& section : registry.SectionList())
-                fmt::print("{}\n", section);
-            return 0;
-        }
-        const std::string section = TakeArgument(args, "SECTION");
-        ExpectNoMoreArguments(args);
-        for (const auto& [key, value] : registry.KeyList(section))
-            fmt::print("{}={}\n", key, value);
-    } else if (action == "export") {
-        ExpectNoMoreArguments(args);
-        fmt::print("{}", registry.ReadAllJson());
-    } else if (action == "import") {
-        const std::string file = TakeArgument(args, "FILE");
-        ExpectNoMoreArguments(args);
-        registry.WriteJson(corvid::ReadWholeFile(file == "-" ? "/dev/stdin" : file));
-    } else {
-        throw UsageError(fmt::format("unknown action '{}'", action));
+        return [=](Registry& registry) { registry.DeleteKey(section, key); };
     }
-    return 0;
+    if (action == "list") {
+        if (args.empty()) {
+            return [](Registry& registry) {
+                for (const std::string& section : registry.SectionList())
+                    fmt::print("{}\n", section);
+            };
+        }
+        std::string section = TakeArgument(args, "SECTION");
+        ExpectNoMoreArguments(args);
+        return [=](Registry& registry) {
+            for (const auto& [key, value] : registry.KeyList(section))
+                fmt::print("{}={}\n", key, value);
+        };
+    }
+    if (action == "export") {
+        ExpectNoMoreArguments(args);
+        return [](Registry& registry) { fmt::print("{}", registry.ReadAllJson()); };
+    }
+    if (action == "import") {
+        std::string file = TakeArgument(args, "FILE");
+        ExpectNoMoreArguments(args);
+        return [=](Registry& registry) {
+            registry.WriteJson(corvid::ReadWholeFile(file == "-" ? "/dev/stdin" : file));
+        };
+    }
+    throw UsageError(fmt::format("unknown action '{}'", action));
 }
 
 int Run(const Arguments& arguments)
 {
     Arguments args = arguments;
-    const std::string action = TakeArgument(args, "action");
+    const Action action = ParseAction(args);
     try {
-        return RunAction(*RegistryClientImpl::GetInstance(), action, args);
+        action(*RegistryClientImpl::GetInstance());
+        return 0;
     } catch (const DBus::Error& e) {
         // The service's and the bus's errors by name, which says more than the text alone.
         throw std::runtime_error(fmt::format("{}: {}", e.name(), e.message()));

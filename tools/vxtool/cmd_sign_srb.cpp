@@ -2,6 +2,8 @@
 #include <cctype>
 #include <iostream>
 #include <map>
+#include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -38,21 +40,27 @@ bool IsSignatureVariable(const std::string& key)
 // variables, and writes the lines back followed by the signature: one
 // VX_SIGNATURE line when it fits an environment record, else VX_SIGNATURE_0,
 // VX_SIGNATURE_1, ... The output is ready for vxtool mkenv. As on the
-// player, a key given twice takes its last value.
+// player, a key given twice takes its last value. KEY is a PEM file or a
+// PKCS#11 URI with a pin-source.
 int Run(const Arguments& arguments)
 {
     Arguments args = arguments;
     std::string key_path, secure_id;
     if (!TakeOption(args, "--key", key_path) || key_path.empty())
-        throw UsageError("--key PEM is required");
+        throw UsageError("--key KEY is required");
     if (!TakeOption(args, "--secure-id", secure_id) || secure_id.empty())
         throw UsageError("--secure-id ID is required");
     ExpectNoMoreArguments(args);
 
     RequireReadableSecureId(secure_id);
 
-    const GcrySexp key = LoadPrivateKeyFile(key_path);
-    RequireAcceptedKey(key, {SrbPublicKey1(), SrbPublicKey2()}, "SRB");
+    // Standard input holds the records, so a token's PIN comes from its URI's pin-source.
+    const std::unique_ptr<SigningKey> key = OpenSigningKey(key_path, [](const std::string& token) -> std::string {
+        throw std::runtime_error(fmt::format("token '{}' needs its PIN, and standard input holds the records: "
+                                             "give the PIN with pin-source=file:PATH in the URI",
+                                             token));
+    });
+    RequireAcceptedKey(*key, {SrbPublicKey1(), SrbPublicKey2()}, "SRB");
 
     std::vector<std::string> lines;
     std::map<std::string, std::string> environment;
@@ -74,7 +82,7 @@ int Run(const Arguments& arguments)
     if (std::cin.bad())
         throw corvid::ErrnoException(EIO, "standard input");
 
-    const std::string signature = SignSrb(environment, secure_id, key);
+    const std::string signature = SignSrb(environment, secure_id, *key);
     for (const std::string& text : lines)
         fmt::print("{}\n", text);
     for (const auto& [name, value] : SrbSignatureVariables(signature))
@@ -82,7 +90,7 @@ int Run(const Arguments& arguments)
     return 0;
 }
 
-const CommandRegistrar reg({"sign-srb", "--key PEM --secure-id ID",
+const CommandRegistrar reg({"sign-srb", "--key KEY --secure-id ID",
                             "sign the KEY=VALUE lines on standard input for one device and write "
                             "them with the signature variables (input for mkenv)",
                             &Run});

@@ -30,6 +30,11 @@ int Run(const Arguments& arguments)
     const std::string rescue = GetRescueKernelVersion();
     const std::string mission = GetOperatingSystemVersion();
     const std::string serial = GetSerialNumber();
+    if (nlohmann::json* json = JsonAnswer()) {
+        *json = {{"bootloader", boot}, {"first_images", first_images}, {"rescue_kernel", rescue},
+                 {"operating_system", mission}, {"serial", serial}};
+        return 0;
+    }
     fmt::print("boot: {}\nfirstimages: {}\nrescue: {}\nmission: {}\nserial: {}\n", boot, first_images,
                rescue, mission, serial);
     return 0;
@@ -40,7 +45,7 @@ const CommandRegistrar reg({"versions",
                                 PartitionUsage(ENVIRONMENT) + " " + PartitionUsage(DEVICE_DATA) +
                                 " [--boardid FILE] [--version-file FILE]",
                             "print the firmware versions and serial number, live or from images", &Run,
-                            PARTITION_HELP});
+                            PARTITION_HELP, true});
 
 } // namespace
 } // namespace vxtool

@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 namespace vxtool {
 
 using Arguments = std::vector<std::string>;
@@ -19,7 +21,14 @@ struct Command {
     int (*run)(const Arguments& args);
     // More lines for "vxtool COMMAND --help", or nullptr.
     const char* help = nullptr;
+    // Whether the command answers --json (every reading command does).
+    bool json = false;
 };
+
+// With --json, the object that the command fills in as its answer (main
+// adds "warnings" and, for a failure, "error", and prints it); nullptr when
+// the command answers in text.
+nlohmann::json* JsonAnswer();
 
 class CommandRegistrar {
 public:
@@ -27,7 +36,7 @@ public:
 };
 
 // Thrown for a command line that cannot be understood; main prints
-// "vxtool <name>: <what>" and the usage, and exits 2.
+// "error: <what>" and the command's usage, and exits 2.
 class UsageError : public std::exception {
 public:
     explicit UsageError(std::string message) : m_message(std::move(message)) {}
@@ -48,5 +57,9 @@ bool TakeOption(Arguments& args, const std::string& option, std::string& value);
 bool TakeFlag(Arguments& args, const std::string& flag);
 // Throws UsageError when args still holds anything.
 void ExpectNoMoreArguments(const Arguments& args);
+
+// Writes a factory command's output: to standard output when path is "-",
+// else as a file (mode 0644).
+void WriteOutput(const std::string& path, const std::string& data);
 
 } // namespace vxtool

@@ -1,5 +1,7 @@
 // vxtool: the field engineer's and the factory's tool for the player's flash
 // contents and identity records.
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -10,6 +12,8 @@
 #include <fmt/format.h>
 
 #include "command.h"
+#include "platform/posix_helpers.h"
+#include "platform/trace.h"
 #include "tool_context.h"
 
 namespace vxtool {
@@ -21,18 +25,86 @@ std::map<std::string, Command>& Registry()
     return commands;
 }
 
+nlohmann::json* s_answer = nullptr;
+
 void PrintCommands(std::FILE* out)
 {
-    fmt::print(out, "usage: vxtool COMMAND [OPTIONS]\n\ncommands:\n");
+    fmt::print(out, "usage: vxtool COMMAND [OPTIONS]\n       vxtool help [COMMAND]\n       vxtool --version\n\n"
+                    "commands:\n");
     for (const auto& [name, command] : Registry())
         fmt::print(out, "  {:<14} {}\n", name, command.summary);
 }
 
+void PrintHelp(const Command& command)
+{
+    fmt::print("usage: vxtool {} {}\n{}\n{}", command.name, command.usage, command.summary,
+               command.help ? command.help : "");
+    if (command.json)
+        fmt::print("--json answers with one JSON object on standard output (see vxtool(1)).\n");
+}
+
+// Runs the command; errors and usage errors are reported here, with one
+// prefix, "error: ", the usage following a usage error.
+int RunText(const Command& command, const Arguments& args)
+{
+    try {
+        return command.run(args);
+    } catch (const UsageError& e) {
+        fmt::print(stderr, "error: {}\nusage: vxtool {} {}\n", e.what(), command.name, command.usage);
+        return 2;
+    } catch (const std::exception& e) {
+        fmt::print(stderr, "error: {}\n", e.what());
+        return 1;
+    }
+}
+
+// Runs the command for --json: its answer, with "error" for a failure
+// (added to what it had answered before the failure) and the library's
+// messages as "warnings", one per message without its line end, as one
+// object on standard output.
+int RunJson(const Command& command, const Arguments& args)
+{
+    nlohmann::json answer = nlohmann::json::object();
+    int status = 0;
+    std::vector<std::string> warnings;
+    {
+        const corvid::MessageCapture capture;
+        s_answer = &answer;
+        try {
+            status = command.run(args);
+        } catch (const UsageError& e) {
+            answer["error"] = e.what();
+            status = 2;
+        } catch (const std::exception& e) {
+            answer["error"] = e.what();
+            status = 1;
+        }
+        s_answer = nullptr;
+        for (std::string message : capture.Messages()) {
+            if (!message.empty() && message.back() == '\n')
+                message.pop_back();
+            warnings.push_back(std::move(message));
+        }
+    }
+    answer["warnings"] = warnings;
+    // Text that is not UTF-8 (a flash record may hold any byte) has each
+    // invalid byte replaced by U+FFFD rather than failing the answer.
+    fmt::print("{}\n", answer.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+    return status;
+}
+
 } // namespace
+
+nlohmann::json* JsonAnswer()
+{
+    return s_answer;
+}
 
 CommandRegistrar::CommandRegistrar(const Command& command)
 {
-    Registry().emplace(command.name, command);
+    Command& registered = Registry().emplace(command.name, command).first->second;
+    if (registered.json)
+        registered.usage += " [--json]";
 }
 
 unsigned long long ParseNumber(const std::string& option, const std::string& text)
@@ -83,6 +155,14 @@ void ExpectNoMoreArguments(const Arguments& args)
         throw UsageError(fmt::format("unexpected argument '{}'", args.front()));
 }
 
+void WriteOutput(const std::string& path, const std::string& data)
+{
+    if (path != "-")
+        return corvid::WriteWholeFile(path, data, 0644);
+    std::fflush(stdout);
+    corvid::write_all_throw(STDOUT_FILENO, data.data(), data.size());
+}
+
 } // namespace vxtool
 
 int main(int argc, char** argv)
@@ -94,31 +174,32 @@ int main(int argc, char** argv)
         return 2;
     }
     const std::string name = argv[1];
-    if (name == "--help" || name == "-h" || name == "help") {
+    if (name == "--version") {
+        fmt::print("vxtool {}\n", VX_VERSION);
+        return 0;
+    }
+    const bool help = name == "--help" || name == "-h" || name == "help";
+    if (help && argc == 2) {
         PrintCommands(stdout);
         return 0;
     }
-    const auto found = Registry().find(name);
-    if (found == Registry().end()) {
-        fmt::print(stderr, "vxtool: unknown command '{}'\n", name);
+    const std::string command_name = help ? argv[2] : name;
+    const auto found = Registry().find(command_name);
+    if (found == Registry().end() || (help && argc > 3)) {
+        if (found == Registry().end())
+            fmt::print(stderr, "error: unknown command '{}'\n", command_name);
+        else
+            fmt::print(stderr, "error: unexpected argument '{}'\n", argv[3]);
         PrintCommands(stderr);
         return 2;
     }
     const Command& command = found->second;
     Arguments args(argv + 2, argv + argc);
-    if (args.size() == 1 && (args[0] == "--help" || args[0] == "-h")) {
-        fmt::print("usage: vxtool {} {}\n{}\n{}", command.name, command.usage, command.summary,
-                   command.help ? command.help : "");
+    if (help || (args.size() == 1 && (args[0] == "--help" || args[0] == "-h"))) {
+        PrintHelp(command);
         return 0;
     }
-    try {
-        return command.run(args);
-    } catch (const UsageError& e) {
-        fmt::print(stderr, "vxtool {}: {}\nusage: vxtool {} {}\n", command.name, e.what(),
-                   command.name, command.usage);
-        return 2;
-    } catch (const std::exception& e) {
-        fmt::print(stderr, "error: {}\n", e.what());
-        return 1;
-    }
+    if (command.json && TakeFlag(args, "--json"))
+        return RunJson(command, args);
+    return RunText(command, args);
 }

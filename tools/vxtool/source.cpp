@@ -145,13 +145,19 @@ void PartitionOptions::Use() const
         context.UsePartition(m_named[i].name, opened[i]);
 }
 
-void TakeSavedFiles(Arguments& args, std::initializer_list<SavedFile> files)
+bool TakeSavedFile(Arguments& args, const SavedFile& file)
 {
     std::string path;
-    for (const SavedFile& file : files) {
-        if (TakeOption(args, file.option, path))
-            ToolContext::Get().UseFile(file.live_path, path);
-    }
+    if (!TakeOption(args, file.option, path))
+        return false;
+    ToolContext::Get().UseFile(file.live_path, path);
+    return true;
+}
+
+void TakeSavedFiles(Arguments& args, std::initializer_list<SavedFile> files)
+{
+    for (const SavedFile& file : files)
+        TakeSavedFile(args, file);
 }
 
 } // namespace vxtool

@@ -91,8 +91,11 @@ private:
     std::vector<Source> m_named;
 };
 
-// Takes the options of the saved files out of args, each given one put in
-// place of the live file in vxtool's context.
+// Takes the option of a saved file out of args and, when it is given, puts
+// the file in place of the live one in vxtool's context; returns whether it
+// was given.
+bool TakeSavedFile(Arguments& args, const SavedFile& file);
+// The same for each of files.
 void TakeSavedFiles(Arguments& args, std::initializer_list<SavedFile> files);
 
 // Parses the erase-block indexes of an option like --bad-blocks ("N,N,...");
