@@ -66,8 +66,9 @@ set(fields
     "vx-hwcheck:Version:^0\\.1${version_suffix}\n$"
     "vx-hwcheck:Description:^start-up hardware check of the Veltrix signage player${synopsis_suffix}\n"
     # The programs link their C++ libraries from the archives: the C
-    # library and zlib are the only shared ones left to declare.
-    "vx-hwcheck:Depends:^dbus, systemd \\| systemd-sysusers, libc6 \\(>= 2\\.[0-9]+\\), zlib1g \\(>= [^)]+\\)\n$"
+    # library, zlib and vxtool's p11-kit (the system's token modules) are
+    # the only shared ones left to declare.
+    "vx-hwcheck:Depends:^dbus, systemd \\| systemd-sysusers, libc6 \\(>= 2\\.[0-9]+\\), libp11-kit0 \\(>= [^)]+\\), zlib1g \\(>= [^)]+\\)\n$"
     "vx-hwcheck-dev:Version:^0\\.1${version_suffix}\n$"
     "vx-hwcheck-dev:Multi-Arch:^same\n$"
     "vx-hwcheck-dev:Description:^development files of the Veltrix player's platform libraries${synopsis_suffix}\n")
