@@ -89,8 +89,18 @@ set(VX_DBUSCXX "$<BUILD_INTERFACE:${build_dbuscxx}>;$<INSTALL_INTERFACE:PkgConfi
 # run-time from its archives too with VX_STATIC_DEPENDENCIES; only the
 # shared libraries a program uses; relocations read-only after start-up,
 # every symbol bound at start-up, and the relative ones packed.
-set(VX_PROGRAM_LINK_OPTIONS LINKER:--as-needed LINKER:-O1 LINKER:-z,relro LINKER:-z,now
-    LINKER:-z,pack-relative-relocs)
+set(VX_PROGRAM_LINK_OPTIONS LINKER:--as-needed LINKER:-O1 LINKER:-z,relro LINKER:-z,now)
+# Packed relative relocations where the linker packs them (binutils 2.38 for
+# amd64, 2.41 for arm64: Debian 12's arm64 linker ignores the option with a
+# warning at every link).
+include(CheckCXXSourceCompiles)
+set(CMAKE_REQUIRED_LINK_OPTIONS LINKER:-z,pack-relative-relocs)
+check_cxx_source_compiles("int main() { return 0; }" VX_LINKER_PACKS_RELATIVE_RELOCS
+                          FAIL_REGEX "pack-relative-relocs ignored")
+unset(CMAKE_REQUIRED_LINK_OPTIONS)
+if(VX_LINKER_PACKS_RELATIVE_RELOCS)
+    list(APPEND VX_PROGRAM_LINK_OPTIONS LINKER:-z,pack-relative-relocs)
+endif()
 if(VX_STATIC_DEPENDENCIES)
     list(APPEND VX_PROGRAM_LINK_OPTIONS -static-libstdc++ -static-libgcc)
 endif()
