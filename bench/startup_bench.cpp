@@ -293,7 +293,7 @@ int main(int argc, char** argv)
         fmt::print("{:<14}{:>10}{:>13}{:>12}{:>10}{:>9.0f}{:>14.0f}{:>11}{:>14}\n", programs[i].name,
                    loader.libraries.size(), Count(loader.relocations), Count(loader.from_cache),
                    Count(loader.relative), Quantile(faults[i], 0.5), Quantile(peaks, 0.5),
-                   file.bytes < 0 ? "-" : std::to_string((file.bytes + 1023) / 1024), Count(file.initialisers));
+                   Count(file.bytes < 0 ? -1 : (file.bytes + 1023) / 1024), Count(file.initialisers));
         if (i == 2)
             pass_libraries = loader.libraries;
     }
@@ -301,8 +301,8 @@ int main(int argc, char** argv)
     fmt::print("\nThe installed programs (file KiB, static initialisers):");
     for (const std::string& path : installed_programs) {
         const FileFigures file = ReadFileFigures(path);
-        fmt::print(" {} {} {};", std::filesystem::path(path).filename().string(), (file.bytes + 1023) / 1024,
-                   Count(file.initialisers));
+        fmt::print(" {} {} {};", std::filesystem::path(path).filename().string(),
+                   Count(file.bytes < 0 ? -1 : (file.bytes + 1023) / 1024), Count(file.initialisers));
     }
     fmt::print("\n");
     if (keep)
