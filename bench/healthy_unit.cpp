@@ -100,10 +100,7 @@ std::size_t EnvironmentRecordsLength(const std::string& block)
 // "0,1"
 std::string BlockList(const std::set<std::size_t>& blocks)
 {
-    std::string list;
-    for (const std::size_t block : blocks)
-        list += (list.empty() ? "" : ",") + std::to_string(block);
-    return list;
+    return fmt::format("{}", fmt::join(blocks, ","));
 }
 
 void WriteFile(const std::string& root, const std::string& live_path, const std::string& content)

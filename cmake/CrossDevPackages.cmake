@@ -4,8 +4,9 @@
 # run-time libraries are installed through multiarch and the -dev packages
 # downloaded by scripts/install-deps-arm64; here they are unpacked into the
 # build tree, their pkg-config files pointed at it and PKG_CONFIG_PATH set so
-# that pkg_check_modules finds them. Sets VX_DEB_ARCH (arm64, ...) and
-# VX_CROSS_PKG_CONFIG_PATH (what PKG_CONFIG_PATH is set to).
+# that pkg_check_modules finds them. Sets VX_DEB_ARCH (arm64, ...),
+# VX_CROSS_PKG_CONFIG_PATH (what PKG_CONFIG_PATH is set to) and
+# VX_CROSS_ARCHIVE_DIR (their static archives).
 function(vx_cross_dev_packages)
     execute_process(COMMAND dpkg-architecture -t${CMAKE_LIBRARY_ARCHITECTURE} -qDEB_HOST_ARCH
                     OUTPUT_VARIABLE VX_DEB_ARCH OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET
@@ -35,12 +36,14 @@ function(vx_cross_dev_packages)
 
     set(dir "${PROJECT_BINARY_DIR}/cross-dev")
     set(libdir "${dir}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}")
+    set(archive_dir "${dir}/archives")
     set(stamp "${PROJECT_BINARY_DIR}/cross-dev.unpacked")
+    set(stamp_text "archives kept;${debs}")
     set(unpacked "")
     if(EXISTS "${stamp}")
         file(READ "${stamp}" unpacked)
     endif()
-    if(NOT unpacked STREQUAL "${debs}")
+    if(NOT unpacked STREQUAL stamp_text)
         file(REMOVE_RECURSE "${dir}")
         file(MAKE_DIRECTORY "${dir}")
         foreach(deb IN LISTS debs)
@@ -63,8 +66,10 @@ function(vx_cross_dev_packages)
             file(WRITE "${pc}" "${text}")
         endforeach()
         # The link-time names (libgcrypt.so -> libgcrypt.so.20.4.1) point at the
-        # installed libraries; the static archives go, so that a missing shared
-        # library fails the link instead of linking the archive.
+        # installed libraries; the static archives move to a directory of their
+        # own (VX_CROSS_ARCHIVE_DIR, for the programs' static link), so that a
+        # missing shared library fails a shared link instead of linking the
+        # archive.
         file(GLOB links "${libdir}/*.so")
         foreach(link IN LISTS links)
             file(READ_SYMLINK "${link}" target)
@@ -79,14 +84,17 @@ function(vx_cross_dev_packages)
             endif()
         endforeach()
         file(GLOB archives "${libdir}/*.a")
-        if(archives)
-            file(REMOVE ${archives})
-        endif()
-        file(WRITE "${stamp}" "${debs}")
+        file(MAKE_DIRECTORY "${archive_dir}")
+        foreach(archive IN LISTS archives)
+            get_filename_component(name "${archive}" NAME)
+            file(RENAME "${archive}" "${archive_dir}/${name}")
+        endforeach()
+        file(WRITE "${stamp}" "${stamp_text}")
     endif()
 
     set(ENV{PKG_CONFIG_PATH} "${libdir}/pkgconfig")
     set(VX_CROSS_PKG_CONFIG_PATH "${libdir}/pkgconfig" PARENT_SCOPE)
     set(VX_DEB_ARCH "${VX_DEB_ARCH}" PARENT_SCOPE)
+    set(VX_CROSS_ARCHIVE_DIR "${archive_dir}" PARENT_SCOPE)
 endfunction()
 vx_cross_dev_packages()

@@ -268,7 +268,10 @@ TEST_F(RegistryService, WhatDoesNotLoadIsSetAsideOnceAndTheRegistryStartsEmpty)
         {with("[]"), json + "the document is not an object of sections"},
         {with(R"({"net": {"host": "p"}, "net": {}})"), json + "section 'net' appears twice"},
         {with(R"({"s": {"k": 1}})"), json + "the value of 's.k' is not a string"},
-        {[](const std::string& path) { std::ofstream(path).close(), truncate(path.c_str(), 300'000'000); },
+        {[](const std::string& path) {
+             std::ofstream(path).close();
+             ASSERT_EQ(truncate(path.c_str(), 300'000'000), 0);
+         },
          "300000000 bytes or more, larger than a registry's file (16777216 bytes)"}};
     for (const Hostile kind : {Hostile::Fifo, Hostile::Symlink, Hostile::Directory}) {
         stores.emplace_back([&, kind](const std::string& path) { hostile.emplace(kind, path); },

@@ -288,7 +288,9 @@ std::string RegistryStore::SetAside()
     std::strftime(stamp, sizeof(stamp), "%Y%m%dT%H%M%SZ", gmtime_r(&now, &utc));
     // A player without a clock may boot twice at the same time.
     for (int i = 0;; ++i) {
-        const std::string aside = m_name + ".corrupt-" + stamp + (i == 0 ? "" : "-" + std::to_string(i));
+        std::string aside = m_name + ".corrupt-" + stamp;
+        if (i > 0)
+            aside += fmt::format("-{}", i);
         if (::renameat2(m_dir.Get(), m_name.c_str(), m_dir.Get(), aside.c_str(), RENAME_NOREPLACE) == 0) {
             m_aside_pending = false;
             // Unsynced, a power cut may bring the name back: the file is then set aside again.
