@@ -284,8 +284,17 @@ vx_gpio() {
 # vx_input_start VXEVDEV [OPTION...]: starts the GPIO event device's server
 # in the scenario's root, with a clean environment, and waits for its node.
 vx_input_start() {
+    server=$1
+    shift
+    # A root that boots systemd has a /tmp of its own, which hides a build
+    # tree under the host's /tmp: the server then runs from a copy in /run.
+    if [ ! -x "$ROOT$server" ]; then
+        mkdir -p "$ROOT/run/vxsim/bin" && cp "/host$server" "$ROOT/run/vxsim/bin/" \
+            || { echo "the event device's server $server is not there"; return 1; }
+        server=/run/vxsim/bin/${server##*/}
+    fi
     chroot "$ROOT" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin ASAN_OPTIONS=detect_leaks=0 \
-        "$@" --daemon --log "$EVDEV_LOG" --pid-file "$EVDEV_PID" < /dev/null \
+        "$server" "$@" --daemon --log "$EVDEV_LOG" --pid-file "$EVDEV_PID" < /dev/null \
         || { echo "the event device's server did not start"; return 1; }
     [ -c "$ROOT$EVDEV_NODE" ] || { echo "no $EVDEV_NODE after the server started"; return 1; }
 }
