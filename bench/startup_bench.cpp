@@ -253,7 +253,8 @@ int main(int argc, char** argv)
                    "process's, its own included.\n\n");
     } else {
         // Wall time, and processor time, which a loaded machine disturbs less.
-        for (const auto& [what, times] : {std::pair{"Wall", &seconds}, std::pair{"Processor", &cpu_seconds}}) {
+        for (const auto& [what, measured] : {std::pair{"Wall", &seconds}, std::pair{"Processor", &cpu_seconds}}) {
+            const auto* times = measured;
             fmt::print("{} time, paired round by round ({} rounds): median [quartiles] (extremes)\n", what, rounds);
             for (std::size_t i = 0; i < count; ++i) {
                 std::vector<double> ms;
