@@ -150,7 +150,7 @@ Token FindToken(const Modules& modules, P11KitUri* uri, const std::string& text)
                 module->C_GetTokenInfo(slot, &token.info) != CKR_OK ||
                 !(token.info.flags & CKF_TOKEN_INITIALIZED))
                 continue;
-            present.push_back("'" + token.Label() + "'");
+            present.push_back(fmt::format("'{}'", token.Label()));
             if (p11_kit_uri_match_slot_info(uri, &slot_info) && p11_kit_uri_match_token_info(uri, &token.info))
                 matching.push_back(token);
         }
